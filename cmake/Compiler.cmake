@@ -1,0 +1,42 @@
+# What every target of ours is compiled with.
+
+set( CMAKE_CXX_STANDARD 20 )
+set( CMAKE_CXX_STANDARD_REQUIRED ON )
+set( CMAKE_CXX_EXTENSIONS OFF )
+set( CMAKE_C_STANDARD 11 )
+set( CMAKE_POSITION_INDEPENDENT_CODE ON )
+set( CMAKE_CXX_VISIBILITY_PRESET hidden )
+set( CMAKE_C_VISIBILITY_PRESET hidden )
+set( CMAKE_VISIBILITY_INLINES_HIDDEN ON )
+set( CMAKE_EXPORT_COMPILE_COMMANDS ON )
+
+if( NOT CMAKE_BUILD_TYPE AND NOT CMAKE_CONFIGURATION_TYPES )
+   set( CMAKE_BUILD_TYPE RelWithDebInfo CACHE STRING "Build type" FORCE )
+endif()
+
+find_program( ORUQUARN_CCACHE ccache )
+if( ORUQUARN_CCACHE AND PROJECT_IS_TOP_LEVEL )
+   set( CMAKE_C_COMPILER_LAUNCHER ${ORUQUARN_CCACHE} )
+   set( CMAKE_CXX_COMPILER_LAUNCHER ${ORUQUARN_CCACHE} )
+endif()
+
+add_library( oruquarn_options INTERFACE )
+target_compile_options( oruquarn_options INTERFACE
+   $<$<COMPILE_LANGUAGE:CXX>:-Wall;-Wextra;-Wpedantic;-Wshadow;-Wconversion;-Wcast-qual;-Wold-style-cast;-Wnon-virtual-dtor;-Woverloaded-virtual;-Wextra-semi>
+   $<$<BOOL:${ORUQUARN_WERROR}>:-Werror> )
+# g++ 12 takes `"text" + std::to_string( n )` for an overlapping copy when it optimises.
+if( CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_LESS 13 )
+   target_compile_options( oruquarn_options INTERFACE $<$<COMPILE_LANGUAGE:CXX>:-Wno-restrict> )
+endif()
+target_compile_options( oruquarn_options INTERFACE -fno-semantic-interposition -fno-plt )
+# The checks of a bad downcast are the undefined-behaviour sanitizer's; the runtime stays on after
+# none of them, so that a finding fails the test that met it.
+if( ORUQUARN_SANITIZE )
+   target_compile_options( oruquarn_options INTERFACE
+      -fsanitize=${ORUQUARN_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer )
+   target_link_options( oruquarn_options INTERFACE -fsanitize=${ORUQUARN_SANITIZE} )
+endif()
+if( ORUQUARN_COVERAGE )
+   target_compile_options( oruquarn_options INTERFACE --coverage -fprofile-update=atomic )
+   target_link_options( oruquarn_options INTERFACE --coverage )
+endif()

@@ -1,0 +1,63 @@
+#include "StringPool.h"
+
+#include <pthread.h>
+
+namespace Quarn::Impl {
+
+StringPool& StringPool::instance() {
+   static StringPool* const pool = [] {
+      auto* const made = new StringPool;
+      // fork() copies locks as they are. Holding them all across it means that none was taken by a
+      // thread that the child does not have, and that no set is copied half changed.
+      ::pthread_atfork( [] { instance()._lockAll(); }, [] { instance()._unlockAll(); },
+                        [] { instance()._unlockAll(); } );
+      return made;
+   }();
+   return *pool;
+}
+
+StringBlock* StringPool::pooled( StringBlock* block, std::size_t hash ) {
+   Shard& shard = _shardOf( hash );
+   std::lock_guard const guard( shard.lock );
+   auto const [ place, added ] = shard.blocks.insert( block );
+   if( added ) {
+      block->pooled.store( true, std::memory_order_relaxed );
+   }
+   ( *place )->count.increment();
+   return *place;
+}
+
+bool StringPool::dropLast( StringBlock* block ) noexcept {
+   Shard& shard = _shardOf( block->hash.load( std::memory_order_relaxed ) );
+   std::lock_guard const guard( shard.lock );
+   if( !block->count.decrement() ) {
+      return false;
+   }
+   shard.blocks.erase( block );
+   return true;
+}
+
+std::size_t StringPool::size() {
+   std::size_t sum = 0;
+   for( Shard& shard : shards_ ) {
+      std::lock_guard const guard( shard.lock );
+      sum += shard.blocks.size();
+   }
+   return sum;
+}
+
+void StringPool::_lockAll() {
+   for( Shard& shard : shards_ ) {
+      shard.lock.lock();
+   }
+}
+
+void StringPool::_unlockAll() {
+   for( auto shard = shards_.rbegin(); shard != shards_.rend(); ++shard ) {
+      shard->lock.unlock();
+   }
+}
+
+std::size_t stringPoolSizeForTest() { return StringPool::instance().size(); }
+
+} // namespace Quarn::Impl

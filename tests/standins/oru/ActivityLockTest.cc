@@ -1,0 +1,119 @@
+#include "support/Fatal.h"
+
+#include <Oru/ActivityLock.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+using Oru::ActivityLock;
+
+// What the function gives in a forked child, 0 to 255; -1 when the child did not end by itself.
+int inChild( int ( *body )() ) {
+   pid_t const child = fork();
+   if( child == 0 ) {
+      alarm( 30 ); // a lock that stays taken ends the child
+      _exit( body() );
+   }
+   int status = 0;
+   while( waitpid( child, &status, 0 ) < 0 && errno == EINTR ) {
+   }
+   return WIFEXITED( status ) ? WEXITSTATUS( status ) : -1;
+}
+
+TEST( ActivityLockTest, IsOwnedUntilReleasedAsOftenAsAcquired ) {
+   ActivityLock& lock = ActivityLock::lock();
+   EXPECT_EQ( &lock, &ActivityLock::lock() );
+   EXPECT_FALSE( lock.ownedByThisThread() );
+   lock.acquire();
+   lock.acquire();
+   lock.release();
+   EXPECT_TRUE( lock.ownedByThisThread() );
+   std::thread( [ & ] { EXPECT_FALSE( lock.ownedByThisThread() ); } ).join();
+   lock.release();
+   EXPECT_FALSE( lock.ownedByThisThread() );
+}
+
+TEST( ActivityLockTest, ReleaseWithoutOwningIsFatalAndChangesNothing ) {
+   ActivityLock& lock = ActivityLock::lock();
+   EXPECT_FATAL( lock.release(), "released by a thread that does not have it" );
+   lock.acquire();
+   std::thread( [ & ] { EXPECT_FATAL( lock.release(), "does not have it" ); } ).join();
+   EXPECT_TRUE( lock.ownedByThisThread() );
+   lock.release();
+   EXPECT_FATAL( lock.release(), "does not have it" );
+}
+
+TEST( ActivityLockTest, OneThreadAtATime ) {
+   ActivityLock& lock = ActivityLock::lock();
+   int count = 0; // plain: the lock is what keeps the threads apart
+   std::vector<std::thread> threads;
+   for( int i = 0; i < 4; ++i ) {
+      threads.emplace_back( [ & ] {
+         for( int round = 0; round < 5000; ++round ) {
+            lock.acquire();
+            lock.acquire();
+            ++count;
+            lock.release();
+            ++count;
+            lock.release();
+         }
+      } );
+   }
+   for( std::thread& thread : threads ) {
+      thread.join();
+   }
+   EXPECT_EQ( count, 40000 );
+}
+
+TEST( ActivityLockTest, ChildOfTheOwnerOwnsTheLock ) {
+   ActivityLock& lock = ActivityLock::lock();
+   lock.acquire();
+   EXPECT_EQ( inChild( [] {
+                 ActivityLock& mine = ActivityLock::lock();
+                 if( !mine.ownedByThisThread() ) {
+                    return 1;
+                 }
+                 mine.release();
+                 return mine.ownedByThisThread() ? 2 : 0;
+              } ),
+              0 );
+   EXPECT_TRUE( lock.ownedByThisThread() );
+   lock.release();
+}
+
+TEST( ActivityLockTest, ChildForkedWhileOthersUseTheLockFindsItFree ) {
+   ActivityLock& lock = ActivityLock::lock();
+   std::atomic<bool> stop{ false };
+   std::thread other( [ & ] {
+      while( !stop ) {
+         lock.acquire();
+         std::this_thread::yield();
+         lock.release();
+      }
+   } );
+   for( int i = 0; i < 20; ++i ) {
+      EXPECT_EQ( inChild( [] {
+                    ActivityLock& mine = ActivityLock::lock();
+                    if( mine.ownedByThisThread() ) {
+                       return 1;
+                    }
+                    mine.acquire();
+                    mine.release();
+                    return 0;
+                 } ),
+                 0 );
+   }
+   stop = true;
+   other.join();
+   EXPECT_FALSE( lock.ownedByThisThread() );
+}
+
+} // namespace
