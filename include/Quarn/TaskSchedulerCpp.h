@@ -1,0 +1,9 @@
+// Schedulers, statistics and history.
+
+#pragma once
+
+#include <Quarn/scheduler/CriticalTask.h>
+#include <Quarn/scheduler/TaskScheduler.h>
+#include <Quarn/scheduler/TaskSchedulerRoot.h>
+#include <Quarn/stats/TaskSchedulerHistory.h>
+#include <Quarn/stats/TaskStat.h>

@@ -1,0 +1,6 @@
+// Timers: the timer wheel.
+
+#pragma once
+
+#include <Quarn/timers/TimerWheel.h>
+#include <Quarn/timers/TimerWheelEvent.h>

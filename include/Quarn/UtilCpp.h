@@ -1,0 +1,6 @@
+// Utilities of the process level.
+
+#pragma once
+
+#include <Quarn/debug/TraceHandleName.h>
+#include <Quarn/util/Hash.h>

@@ -1,0 +1,77 @@
+// The controls through which client code arms and disarms its notifications.
+//
+// A control comes from a factory (`platform/Factories.h`), holds its handler without owning it (the
+// handler outlives the control), and is used on the thread that made it. Destroying it disarms it.
+
+#pragma once
+
+#include <Quarn/Export.h>
+
+namespace Quarn::Platform {
+
+// Watches one descriptor. Reads are watched from the start, writes are not; the flags may be set
+// before the descriptor and take effect with it.
+//
+// The descriptor stays the caller's. Forget it here (`delFd`) before closing it: the kernel drops a
+// closed descriptor from its watch list silently, and a new descriptor that gets the same number
+// would be taken for the old one and never be heard of.
+class ORUQUARN_API FdControl {
+ public:
+   virtual ~FdControl();
+
+   // Read readiness is reported for as long as it lasts.
+   virtual void setReads( bool watch ) = 0;
+
+   // Write readiness is reported once for each `setWrites( true )`.
+   virtual void setWrites( bool watch ) = 0;
+
+   // Watches `fd` from now on and makes it non-blocking. A descriptor that cannot be polled, such
+   // as a regular file, counts as always writable; its reads are never reported.
+   //
+   // Errors: fatal when the descriptor's flags cannot be read or set.
+   virtual void setFd( int fd ) = 0;
+
+   // Forgets the descriptor.
+   virtual void delFd() = 0;
+
+   // The descriptor, or -1.
+   virtual int getFd() const = 0;
+
+   // Stops watching until a flag or the descriptor is set again; the descriptor is kept.
+   virtual void clearEvents() = 0;
+};
+
+// A one-shot timer.
+class ORUQUARN_API TimerControl {
+ public:
+   virtual ~TimerControl();
+
+   // Fires once, `seconds` from now, on the event loop's own clock; a timer that runs is moved.
+   // Negative delays count as 0, which fires at the next turn; +infinity disarms.
+   //
+   // The loop reads a coarse clock, so that a timer may fire up to 4 ms early. Timers that must not
+   // are kept in a `TimerWheel`.
+   //
+   // Errors: fatal on NaN ("invalid timeout ...").
+   virtual void setTimeout( double seconds ) = 0;
+
+   virtual void delTimeout() = 0;
+
+   // Seconds until the timer fires: 0 when overdue, +infinity when it is not armed. For showing
+   // only: the loop computes it from a wall clock that it reads every few seconds.
+   virtual double remainingTimeout() const = 0;
+};
+
+// Asks to be called back soon.
+class ORUQUARN_API CallbackControl {
+ public:
+   virtual ~CallbackControl();
+
+   // Calls the handler once, in a later turn of the loop. Requests before that turn are one.
+   // Callbacks of different controls run in no promised order.
+   virtual void requestCallback() = 0;
+   virtual void cancelCallback() = 0;
+   virtual bool pendingCallback() const = 0;
+};
+
+} // namespace Quarn::Platform

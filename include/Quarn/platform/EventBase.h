@@ -1,0 +1,54 @@
+// The calling thread's libevent base.
+//
+// Each thread has at most one base, made when it is first needed and kept until `leFree()` or the
+// end of the thread. Everything here acts on the calling thread's base.
+
+#pragma once
+
+#include <Quarn/Export.h>
+#include <Quarn/platform/EventPriority.h>
+
+struct event;
+struct event_base;
+
+namespace Quarn {
+
+// Makes a base with the two event priorities. The base reads the clock anew for every timer
+// instead of once a turn, so that a delay counts from the moment at which it was asked for.
+//
+// Ownership: the caller's, until it is registered.
+// Errors: fatal ("Failed to create event_base").
+ORUQUARN_API event_base* leCreateBase();
+
+// Makes `base` the thread's base. It needs two event priorities. It stays the caller's: the end of
+// the thread does not free it, `leFree()` does.
+//
+// Errors: fatal when the thread has another base already.
+ORUQUARN_API void leRegisterBase( event_base* base );
+
+// Gives the thread a base when it has none. The end of the thread frees it.
+ORUQUARN_API void leInit();
+
+// Whether the thread has a base.
+ORUQUARN_API bool leInitialized();
+
+// Frees the thread's base, if any. Controls that live on are disarmed and may be armed again, on
+// the thread's next base.
+ORUQUARN_API void leFree();
+
+// Makes the thread's base usable in the child of a fork, or makes one when there is none. A child
+// calls this before it runs the loop. Touching descriptors before is harmless: the library notices
+// that it runs in a child and leaves the parent's watch list alone.
+//
+// Errors: fatal when libevent cannot set the base up again.
+ORUQUARN_API void leForkReinit();
+
+// Sets the priority of a libevent event.
+//
+// Errors: fatal ("Failed to set priority ...") when the event is active or the base has too few.
+ORUQUARN_API void eventPrioritySet( event* ev, Platform::EventPriority priority );
+
+// Takes note again of whether the thread is the main one; `leRegisterBase` does so too.
+ORUQUARN_API void setMainThread();
+
+} // namespace Quarn

@@ -1,0 +1,43 @@
+// Running the calling thread's event loop.
+//
+// One loop runs on a thread at a time. Exceptions that a handler lets out, and does not deal with
+// by its hook, leave these functions; the loop may then be run again and serves what is left.
+//
+// Times are seconds on the event loop's monotonic clock. Negative counts as 0; +infinity never ends
+// by itself.
+// Errors: fatal on NaN, when a loop runs already ("event loop is already running on this thread"),
+// and when libevent fails.
+
+#pragma once
+
+#include <Quarn/Export.h>
+
+namespace Quarn {
+
+// Runs the loop for at most `seconds`. With 0, whatever is due runs before it returns. Returns
+// early only when the loop is broken.
+ORUQUARN_API void eventLoopTimeout( double seconds );
+
+// Runs the loop until nothing is left to wait for: at once when no event is pending. Armed timers,
+// watched descriptors and requested callbacks are events; so is the master timer of a wheel, which
+// stays armed for a while after its last timer was stopped (`TimerWheel::timerStop`).
+ORUQUARN_API void doLeEventLoop();
+
+// Runs the loop for `timeout` seconds.
+ORUQUARN_API void doLeEventLoop( double timeout );
+
+// One wait of a loop that waits for a condition: runs the loop for at most `maxTimeout` seconds
+// with the framework's activity lock held (other threads that need it, to load a plugin for
+// example, wait that long), then lets other threads have the lock.
+ORUQUARN_API void doLeEventLoopInWaitfor( double maxTimeout );
+
+// The same by process mode: libevent's loop with thread-local singletons, else the framework's.
+namespace Platform {
+
+ORUQUARN_API void doEventLoop();
+ORUQUARN_API void doEventLoop( double timeout );
+ORUQUARN_API void doEventLoopInWaitfor( double timeout );
+
+} // namespace Platform
+
+} // namespace Quarn

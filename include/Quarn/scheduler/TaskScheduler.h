@@ -1,0 +1,236 @@
+// A scheduler: its registered tasks, a run queue for each priority, and the choice of the next
+// task.
+//
+// There are two kinds: the root of a thread (`TaskSchedulerRoot`), which the event loop calls, and
+// the task group, which is one task of another scheduler.
+//
+// The rule of choice: the most urgent priority with a runnable task goes first. Against starvation,
+// high and normal give way once: when they have run n tasks in a row, and n times the weighted
+// backlog of the priorities down to low exceeds their own weighted backlog, one task of those runs.
+//
+// Thread: that of the root, for every operation. Nothing is locked.
+// Cost:   scheduling, choosing and unscheduling take constant time and allocate nothing.
+
+#pragma once
+
+#include <Quarn/Export.h>
+#include <Quarn/IntrusiveBookmarkLinkedList.h>
+#include <Quarn/scheduler/TaskImpl.h>
+#include <Quarn/stats/TaskSchedulerHistory.h>
+#include <Quarn/stats/TaskStat.h>
+
+#include <array>
+#include <functional>
+#include <map>
+#include <memory>
+#include <string_view>
+#include <unordered_map>
+#include <unordered_set>
+
+namespace Quarn {
+
+class TaskSchedulerRoot;
+
+class ORUQUARN_API TaskScheduler : public std::enable_shared_from_this<TaskScheduler> {
+ public:
+   TaskScheduler( String name, TaskSchedulerRoot* root,
+                  std::shared_ptr<TaskSchedulerHistory> history );
+
+   // Whether a reset of the statistics is under way.
+   virtual bool resetStatsInProgress() const;
+   virtual void suspendedIs( bool suspended ) = 0;
+
+   // Runs all queued critical tasks of the thread now; see `TaskSchedulerRoot`.
+   virtual void runCriticalPriorityTasks();
+
+   // Asks the owner to call this scheduler's run entry soon.
+   virtual void requestSchedulerRun() = 0;
+   virtual void handleTaskForceYieldInTest() = 0;
+   virtual void handleVirtualTimeChange() = 0;
+
+   // Called by the task's constructor. A critical task belongs to a root, and is for authorized
+   // names: those that contain "RibOutKeepalive", or "test" in either case.
+   //
+   // Errors: fatal for a priority above scavenge, an unauthorized or misplaced critical task, and a
+   // task that is registered already.
+   virtual void taskRegister( TaskImpl* task );
+
+   // Counts the armed timers of this scheduler's tasks.
+   virtual void timerRunningInc( const TaskTimeStamp& now ) = 0;
+   virtual void timerRunningDec( const TaskTimeStamp& now ) = 0;
+
+   virtual ~TaskScheduler();
+
+   TaskScheduler( const TaskScheduler& ) = delete;
+   TaskScheduler& operator=( const TaskScheduler& ) = delete;
+
+   // Called by the task's destructor; keeps its statistics as those of a completed task.
+   //
+   // Errors: fatal for a task that is queued or not registered.
+   void taskUnregister( TaskImpl* task );
+
+   // Takes a queued task off its run queue.
+   //
+   // Errors: fatal for a task that is not queued.
+   void unscheduleTask( const TaskTimeStamp& now, TaskImpl* task );
+
+   // Chooses a task of the priorities `from` to `to` and takes it off its queue; null for none.
+   TaskImpl* pickOneTask( const TaskTimeStamp& now, TaskPriority from, TaskPriority to );
+
+   // Runs one task of the priorities from critical to `maxPriority`; false when there was none.
+   //
+   // Errors: `std::bad_weak_ptr` when the scheduler is being destroyed; and what the task's body
+   // throws, after which the scheduler goes on.
+   bool _handleSchedulerRun( TaskPriority maxPriority );
+
+   void schedulerHasRunnableTasksIs( bool runnable, const TaskTimeStamp& now );
+   bool schedulerHasRunnableTasks() const { return hasRunnableTasks_; }
+
+   const String& schedulerName() const { return schedulerName_; }
+   TaskSchedulerRoot* schedulerRoot() const { return root_; }
+   bool suspended() const { return suspended_; }
+
+   // Whether there are runnable tasks or armed timers.
+   bool busy() const { return busy_; }
+
+   // Has `callback` called whenever `busy()` changes, in the order of the keys; registering a key
+   // again replaces its callback, and unregistering an unknown one does nothing. A callback may
+   // register, unregister, schedule and destroy anything.
+   //
+   // Errors: an empty function raises `std::bad_function_call` when it is called.
+   void registerBusyCallback( void* key, std::function<void()> callback );
+   void unregisterBusyCallback( void* key );
+   bool schedulerBaseBusyCallbacksRegistered() const { return !busyCallbacks_.empty(); }
+
+   // Tasks on the run queues, of all priorities or of one.
+   //
+   // Errors: fatal for a priority above scavenge.
+   std::int64_t runnableTaskCount() const;
+   std::int64_t runnableTaskCount( TaskPriority priority ) const;
+
+   // How many tasks of the priority were taken off their queue to be run.
+   std::uint64_t runTaskCount( TaskPriority priority ) const;
+
+   // Registered tasks of the priority, and tasks that are gone with their statistics kept.
+   std::uint32_t tasksPerPriority( TaskPriority priority ) const;
+   std::uint64_t completedTasksPerPriority( TaskPriority priority ) const;
+
+   // The quantum that new tasks start with; 20 ms at first. Any value is taken, also 0: a task that
+   // starts with it never counts violations.
+   TaskTimeDuration defaultTaskQuantum() const { return defaultTaskQuantum_; }
+   void defaultTaskQuantumIs( TaskTimeDuration quantum );
+
+   // The longest time between the end of a run and the next run entry, while something was
+   // runnable. A critical run inside another run counts from the end of the run before that one.
+   TaskTimeDuration maxRunGap() const { return maxRunGap_; }
+
+   // The task being run by this scheduler; null outside a run.
+   TaskImpl* currentlyRunningTask() const { return currentlyRunningTask_; }
+
+   unsigned timerRunningCount() const { return timerRunningCount_; }
+
+   // The registered task of that name (the newest of several), and its counters.
+   //
+   // Errors: `taskStatForTest` is fatal when there is none.
+   std::shared_ptr<_TaskBase> taskForTest( const String& name ) const;
+   TaskStat taskStatForTest( const String& name ) const;
+
+   // The record into which completed tasks of that statistics name were folded.
+   //
+   // Errors: fatal when there is none.
+   TaskStat completedTaskStatForTest( const String& name ) const;
+
+   // Keeps the set of tasks that have a forced yield.
+   void taskForceYieldInTestNotify( TaskImpl* task, bool on );
+   bool anyTaskForcesYieldInTest() const { return !forcedYieldTasks_.empty(); }
+
+   // Whether queues, registration list and counts agree. Visits every task.
+   bool checkForTest() const;
+
+ protected:
+   // The time of a history event: `now`, or the virtual clock while the root runs on it.
+   void historyEvent( const TaskTimeStamp& now, TaskSchedulerEventType type ) const;
+
+   // Brings `busy()` up to date.
+   void schedulerBusyUpdate( const TaskTimeStamp& now );
+
+   // One run step without holding the scheduler, which the caller does.
+   bool runStep( TaskPriority maxPriority );
+
+   // The base part of counting timers.
+   void timerRunningCountInc( const TaskTimeStamp& now );
+   void timerRunningCountDec( const TaskTimeStamp& now );
+
+   using RegisteredTasks = IntrusiveBookmarkLinkedList<TaskImpl, &TaskImpl::taskRegisteredLink_>;
+   const RegisteredTasks& registeredTasks() const { return registeredTasks_; }
+
+ private:
+   friend class _TaskBase;
+   friend class TaskImpl;
+   friend class TaskSchedulerRoot;
+   friend class CurrentlyRunningTaskAnchor;
+   friend class PreserveCurrentlyRunningTaskAnchor;
+
+   using RunQueue = IntrusiveBookmarkLinkedList<TaskImpl, &TaskImpl::taskRunQueueLink_>;
+
+   struct PerPriority {
+      RunQueue runQueue;
+      // For task groups, during a run of their parent task.
+      RunQueue temporaryRunQueue;
+      // The queue that tasks are taken from.
+      RunQueue* pickQueue = &runQueue;
+      // Two counts that only grow, so that the second is also the number of runs.
+      std::uint64_t enqueuedCount = 0;
+      std::uint64_t dequeuedCount = 0;
+      std::uint32_t consecutiveRuns = 0;
+      std::uint64_t dequeuedCountAtReset = 0;
+   };
+   static constexpr std::size_t priorities = TaskPriority::oneBeyondLast;
+   static_assert( priorities == 6 );
+
+   void historyEvent( const TaskTimeStamp& now, TaskSchedulerEventType type,
+                      _TaskBase const* task ) const;
+   void scheduleTaskPrivate( const TaskTimeStamp& now, TaskImpl* task );
+   void taskSchedulerUnlinkTask( const TaskTimeStamp& now, TaskPriority priority, TaskImpl* task );
+   bool attemptLowerPriorityBump( TaskPriority priority, std::uint32_t consecutiveRuns ) const;
+   void updateCompletedTaskStats( TaskImpl* task );
+   void runEntered( const TaskTimeStamp& now );
+   void recoverFromException() noexcept;
+   TaskImpl* _findTask( std::string_view name ) const;
+
+   const PerPriority& _of( TaskPriority priority ) const {
+      return perPriority_[ priority.value() ];
+   }
+   PerPriority& _of( TaskPriority priority ) { return perPriority_[ priority.value() ]; }
+
+   std::unordered_map<String, TaskStat> completedTaskStats_;
+   String schedulerName_;
+   TaskSchedulerRoot* root_;
+   std::shared_ptr<TaskSchedulerHistory> history_;
+   RegisteredTasks registeredTasks_;
+   std::array<PerPriority, priorities> perPriority_;
+   TaskTimeStamp lastRunEndTime_;
+   TaskTimeStamp lastRunStartTime_;
+   TaskTimeDuration defaultTaskQuantum_ = std::chrono::milliseconds( 20 );
+   TaskTimeDuration maxRunGap_{};
+   // Seconds on the virtual clock at which the current task began.
+   double virtualRunStartTime_ = 0.0;
+   std::map<TaskPriority, std::uint32_t> tasksPerPriority_;
+   std::map<TaskPriority, std::uint64_t> completedTasksPerPriority_;
+   bool hasRunnableTasks_ = false;
+   // Plain, since whoever sets it holds the task for the run.
+   TaskImpl* currentlyRunningTask_ = nullptr;
+   std::unordered_set<TaskImpl*> forcedYieldTasks_;
+   bool suspended_ = false;
+   std::map<void*, std::function<void()>> busyCallbacks_;
+   bool busy_ = false;
+   std::uint32_t timerRunningCount_ = 0;
+};
+
+// The name of the scheduler, or "<none>" for null.
+ORUQUARN_API std::string_view schedulerText( TaskScheduler const* scheduler );
+
+// Writes the text of `schedulerText`.
+ORUQUARN_API std::ostream& operator<<( std::ostream& out, TaskScheduler const* scheduler );
+
+} // namespace Quarn

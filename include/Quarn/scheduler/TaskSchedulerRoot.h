@@ -1,0 +1,153 @@
+// The root scheduler of a thread: where the event loop and the tasks meet.
+//
+// Each thread has one, made by the first `schedulerRootQuarn()` and kept until the thread ends, or
+// longer while tasks hold it. It asks the event loop to be called back whenever work is runnable,
+// and runs exactly one task in each callback, so that descriptors and timers are served between any
+// two tasks.
+//
+// Destroy a thread's tasks before the thread ends, or raise `auxThreadCount` while another thread
+// does: what outlives the thread keeps the root, and destroying it elsewhere fails the thread
+// check.
+//
+// Thread: its own, for every operation ("Executing in wrong thread ..."), except in the child of a
+//         fork. In framework mode one loop of the process calls every root back, so only the thread
+//         of that loop schedules.
+
+#pragma once
+
+#include <Quarn/Export.h>
+#include <Quarn/platform/Controls.h>
+#include <Quarn/platform/EventHandlers.h>
+#include <Quarn/scheduler/TaskScheduler.h>
+#include <Quarn/timers/TimerWheel.h>
+
+#include <memory>
+#include <unordered_set>
+
+#include <pthread.h>
+#include <sys/types.h>
+
+namespace Quarn {
+
+class ORUQUARN_API TaskSchedulerRoot final : public TaskScheduler,
+                                             public Platform::CallbackHandler {
+ public:
+   // Events that the history ring holds at first.
+   static constexpr unsigned historyEntryCountDefault = 100;
+
+   // A root is owned by shared pointers: `TaskSchedulerRootIs` makes one.
+   explicit TaskSchedulerRoot( String name );
+
+   // Makes a root that is not the thread's own, for tests and tools.
+   static std::shared_ptr<TaskSchedulerRoot> TaskSchedulerRootIs( String name );
+
+   bool resetStatsInProgress() const override;
+
+   // While suspended nothing runs, and running tasks are told to yield. Resuming asks for a run.
+   void suspendedIs( bool suspended ) override;
+
+   // Delivers the timers that are due, then runs all queued critical tasks, also from inside
+   // another task. Not to be called from a critical task. The time since the last run ended before
+   // this call counts as run gap, the surrounding task's time included.
+   //
+   // Errors: what a critical task throws.
+   void runCriticalPriorityTasks() override;
+
+   // Asks the event loop for a callback; many requests before it are one. Ignored while suspended.
+   void requestSchedulerRun() override;
+   void handleTaskForceYieldInTest() override;
+   void handleVirtualTimeChange() override;
+   void taskRegister( TaskImpl* task ) override;
+   void timerRunningInc( const TaskTimeStamp& now ) override;
+   void timerRunningDec( const TaskTimeStamp& now ) override;
+   ~TaskSchedulerRoot() override;
+
+   // The run entry: runs one task, or finds the root idle.
+   void callback() override;
+   void handleSchedulerRun();
+
+   // Adds and removes a scheduler of this thread.
+   //
+   // Errors: fatal when it is there already ("insert failed for ..."), or is not ("delete failed
+   // for
+   //         ...").
+   void registerScheduler( TaskScheduler* scheduler );
+   void unregisterScheduler( TaskScheduler* scheduler );
+
+   // For tests: the forced-yield ratio of all tasks of the thread that have none of their own.
+   void taskTestYieldRatioIs( unsigned char ratio );
+   unsigned char taskTestYieldRatio() const { return taskTestYieldRatio_; }
+
+   // Takes note of whether the process runs on virtual time, which only the main thread's root
+   // does.
+   void virtualTimeCheck();
+   bool virtualTime() const { return virtualTime_; }
+
+   // Switches the thread check of this root.
+   void threadSanityDisabledIs( bool disabled );
+   bool threadSanityDisabled() const { return threadSanityDisabled_; }
+
+   // Fails on any thread but the root's. Asked first by every operation.
+   void sanityCheckCurrentRunningThread() const {
+      if( !pthread_equal( pthread_self(), threadId_ ) ) [[unlikely]] {
+         _wrongThread();
+      }
+   }
+
+   // Tasks registered with all schedulers of this root.
+   unsigned totalRegisteredTaskCount() const;
+
+   // Schedulers of this root but itself.
+   unsigned taskGroupCount() const;
+
+   // A scheduler of that name, or empty.
+   std::shared_ptr<TaskScheduler> findSchedulerForTest( const String& name ) const;
+
+   // The capacity of the history ring, in events; the setter keeps the newest and returns the
+   // previous capacity. 0 switches the history off.
+   unsigned historyEntryCount() const;
+   unsigned historyEntryCountIs( unsigned count );
+   // How many events the ring holds.
+   unsigned historyEventCount() const;
+   void clearHistory();
+
+   // Writes the history, newest event first: to a stream, as a string, or to standard error.
+   void historyRenderTextForDebug( std::ostream& out ) const;
+   String historyRenderTextForDebugToString() const;
+   void historyRenderTextForDebugStdErr() const;
+
+   const std::shared_ptr<TimerWheel>& timerWheel() const { return timerWheel_; }
+   pthread_t threadId() const { return threadId_; }
+
+   // For tests: has task groups let members run more than once under virtual time.
+   static bool testAllowTaskGroupTasksPermittedMultipleRunsWithVirtualTime;
+
+ private:
+   friend class TimerTask;
+
+   [[gnu::cold]] void _wrongThread() const;
+   void _reevaluateYieldModes();
+
+   std::unordered_set<TaskScheduler*> schedulers_;
+   std::shared_ptr<Platform::CallbackControl> callbackControl_;
+   std::shared_ptr<TimerWheel> timerWheel_;
+   pthread_t threadId_;
+   pid_t pid_;
+   char threadName_[ 16 ] = {};
+   bool threadSanityDisabled_ = false;
+   bool virtualTime_ = false;
+   bool isMainThread_;
+   std::uint8_t taskTestYieldRatio_ = 0;
+   // Advanced by jittered timer tasks alone, so that a thread's sequence is reproducible.
+   unsigned jitterSeed_ = 0;
+};
+
+// The calling thread's root, "main" on the main thread and "thread:" with the thread's number
+// elsewhere. While the thread ends, once its root is released, every call makes a fresh one that
+// belongs to the caller.
+ORUQUARN_API std::shared_ptr<TaskSchedulerRoot> schedulerRootQuarn();
+
+// `TaskSchedulerRoot::TaskSchedulerRootIs`.
+ORUQUARN_API std::shared_ptr<TaskSchedulerRoot> schedulerRootQuarnNonShared( String name );
+
+} // namespace Quarn

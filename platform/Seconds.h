@@ -1,0 +1,15 @@
+// Seconds as the library's interfaces have them, and as libevent wants them.
+
+#pragma once
+
+#include <sys/time.h>
+
+namespace Quarn::Platform {
+
+// Whole seconds and whole microseconds, both truncated. Negative values and -infinity give 0;
+// values above 1e15, which libevent would wrap into the past, give 1e15.
+//
+// Errors: fatal on NaN ("invalid timeout ...").
+timeval secondsToTimeval( double seconds );
+
+} // namespace Quarn::Platform

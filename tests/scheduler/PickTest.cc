@@ -1,0 +1,251 @@
+// The choice of the next task, without a loop.
+
+#include "support/Fatal.h"
+#include "support/Tasks.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <array>
+#include <deque>
+#include <random>
+
+namespace {
+
+using namespace Quarn;
+using testing_support::FunctionTask;
+using testing_support::makeTask;
+
+class PickTest : public testing::Test {
+ protected:
+   void add( TaskPriority priority, unsigned count ) {
+      for( unsigned n = 0; n < count; ++n ) {
+         tasks.push_back( makeTask( root, priority, "test" ) );
+         tasks.back()->scheduleTask();
+      }
+   }
+   // Picks once, as a run would, and has the picked task reschedule itself.
+   char pick() {
+      TaskImpl* task =
+            root->pickOneTask( taskTimeNow(), TaskPriority::critical, TaskPriority::scavenge );
+      if( !task ) {
+         return '.';
+      }
+      task->scheduleTask();
+      return task->taskPriority().oneChar();
+   }
+   std::string picks( unsigned count ) {
+      std::string all;
+      for( unsigned n = 0; n < count; ++n ) {
+         all += pick();
+      }
+      return all;
+   }
+
+   std::shared_ptr<TaskSchedulerRoot> root = schedulerRootQuarnNonShared( "root" );
+   std::vector<std::shared_ptr<FunctionTask>> tasks;
+};
+
+TEST_F( PickTest, UrgentFirstThenInOrder ) {
+   for( std::uint8_t p = 6; p-- > 0; ) {
+      add( TaskPriority( p ), 2 );
+   }
+   std::string order;
+   while( TaskImpl* task = root->pickOneTask( taskTimeNow(), TaskPriority::critical,
+                                              TaskPriority::scavenge ) ) {
+      order += task->taskPriority().oneChar();
+   }
+   // High and normal give way once their runs outweigh their backlog.
+   EXPECT_EQ( order, "CCAAHHNNLLSS" );
+   EXPECT_EQ( root->pickOneTask( taskTimeNow(), TaskPriority::low, TaskPriority::high ), nullptr )
+         << "an empty range";
+}
+
+TEST_F( PickTest, LowGetsItsTurnUnderTenHighTasks ) {
+   add( TaskPriority::high, 10 );
+   add( TaskPriority::low, 1 );
+   const std::string order = picks( 642 * 2 );
+   EXPECT_EQ( order.find( 'L' ), 641u );
+   EXPECT_EQ( order.find( 'L', 642 ), 642u + 641u ) << "the count starts again from 0";
+}
+
+TEST_F( PickTest, NormalAlternatesWithOneHighTask ) {
+   add( TaskPriority::high, 1 );
+   add( TaskPriority::normal, 10 );
+   EXPECT_EQ( picks( 6 ), "HNHNHN" );
+}
+
+TEST_F( PickTest, SharesOverALongTime ) {
+   add( TaskPriority::high, 1 );
+   add( TaskPriority::normal, 1 );
+   add( TaskPriority::low, 1 );
+   const std::string order = picks( 20000 );
+   EXPECT_EQ( std::count( order.begin(), order.end(), 'H' ), 17778 );
+   EXPECT_EQ( std::count( order.begin(), order.end(), 'N' ), 2000 );
+   EXPECT_EQ( std::count( order.begin(), order.end(), 'L' ), 222 );
+}
+
+TEST_F( PickTest, ScavengeNeverCountsAsALowerPriority ) {
+   add( TaskPriority::high, 1 );
+   add( TaskPriority::scavenge, 5 );
+   const std::string order = picks( 20000 );
+   EXPECT_EQ( order.find_first_not_of( 'H' ), std::string::npos );
+}
+
+// The rule written again, from the side of the reader.
+struct Model {
+   struct Queue {
+      std::deque<TaskImpl*> tasks;
+      std::uint32_t consecutive = 0;
+   };
+   std::array<Queue, 6> queues;
+
+   TaskImpl* pick( unsigned from, unsigned to ) {
+      for( unsigned p = from; p <= to; ++p ) {
+         Queue& queue = queues[ p ];
+         if( queue.tasks.empty() ) {
+            queue.consecutive = 0;
+            continue;
+         }
+         static constexpr unsigned weight[] = { 0, 0, 64, 8, 1, 0 };
+         std::uint64_t lower = 0;
+         if( p == 2 || p == 3 ) {
+            for( unsigned q = p + 1; q <= 4; ++q ) {
+               lower += queues[ q ].tasks.size() * weight[ q ];
+            }
+         }
+         if( lower > 0 && queue.consecutive * lower > queue.tasks.size() * weight[ p ] ) {
+            if( TaskImpl* bumped = pick( p + 1, to ) ) {
+               queue.consecutive = 0;
+               return bumped;
+            }
+         }
+         ++queue.consecutive;
+         TaskImpl* task = queue.tasks.front();
+         queue.tasks.pop_front();
+         return task;
+      }
+      return nullptr;
+   }
+};
+
+class PickModel : public testing::TestWithParam<unsigned> {};
+
+TEST_P( PickModel, AgreesUnderRandomSteps ) {
+   SCOPED_TRACE( testing::Message() << "seed " << GetParam() );
+   std::mt19937 random( GetParam() );
+   const auto root = schedulerRootQuarnNonShared( "root" );
+   Model model;
+   std::vector<std::shared_ptr<FunctionTask>> tasks;
+   const auto drop = [ & ]( TaskImpl* task ) {
+      for( auto& queue : model.queues ) {
+         std::erase( queue.tasks, task );
+      }
+   };
+   for( unsigned step = 0; step < 20000; ++step ) {
+      const unsigned what = static_cast<unsigned>( random() % 12 );
+      if( tasks.size() < 3 || ( what == 0 && tasks.size() < 40 ) ) {
+         // Mostly the priorities of the rule.
+         static constexpr std::uint8_t priorities[] = { 0, 1, 2, 2, 3, 3, 4, 4, 5 };
+         tasks.push_back( makeTask( root, TaskPriority( priorities[ random() % 9 ] ), "test" ) );
+         continue;
+      }
+      const std::size_t index = random() % tasks.size();
+      FunctionTask& task = *tasks[ index ];
+      switch( what ) {
+      case 1:
+         drop( &task );
+         tasks.erase( tasks.begin() + static_cast<std::ptrdiff_t>( index ) );
+         break;
+      case 2:
+         drop( &task );
+         task.unscheduleTask();
+         break;
+      case 3:
+      case 4:
+      case 5:
+         if( !task.taskScheduled() ) {
+            model.queues[ task.taskPriority().value() ].tasks.push_back( &task );
+         }
+         task.scheduleTask();
+         break;
+      default: {
+         const auto from = static_cast<std::uint8_t>( what == 6 ? random() % 6 : 0 );
+         const auto to = static_cast<std::uint8_t>( what == 6 ? random() % 6 : 5 );
+         TaskImpl* picked =
+               root->pickOneTask( taskTimeNow(), TaskPriority( from ), TaskPriority( to ) );
+         ASSERT_EQ( picked, model.pick( from, to ) ) << "step " << step;
+         if( picked && random() % 8 != 0 ) {
+            picked->scheduleTask();
+            model.queues[ picked->taskPriority().value() ].tasks.push_back( picked );
+         }
+      }
+      }
+      if( step % 64 == 0 ) {
+         ASSERT_TRUE( root->checkForTest() ) << "step " << step;
+      }
+   }
+}
+
+INSTANTIATE_TEST_SUITE_P( Seeds, PickModel, testing::Values( 1, 2, 42 ) );
+
+struct Item {
+   explicit Item( int n ) : number( n ) {}
+   int number;
+   IntrusiveLinkedListHook link;
+};
+using Items = IntrusiveBookmarkLinkedList<Item, &Item::link>;
+
+std::vector<int> numbersOf( Items& items ) {
+   std::vector<int> numbers;
+   for( Item* item = items.front(); item; item = items.next( item ) ) {
+      numbers.push_back( item->number );
+   }
+   return numbers;
+}
+
+TEST( BookmarkListTest, WalkPausesAtABookmark ) {
+   using testing::ElementsAre;
+   std::deque<Item> pool;
+   for( int n = 0; n < 5; ++n ) {
+      pool.emplace_back( n );
+   }
+   Items items;
+   IntrusiveListBookmark bookmark;
+   EXPECT_TRUE( items.empty() );
+   items.insertFront( bookmark );
+   EXPECT_TRUE( items.empty() ) << "a bookmark is no element";
+   items.pushBack( pool[ 1 ] );
+   items.pushBack( pool[ 2 ] );
+   items.pushFront( pool[ 0 ] );
+   EXPECT_THAT( numbersOf( items ), ElementsAre( 0, 1, 2 ) );
+   items.insertAfter( pool[ 1 ], bookmark );
+   pool[ 1 ].link.unlink(); // where the walk stood
+   pool[ 1 ].link.unlink();
+   EXPECT_EQ( items.next( bookmark )->number, 2 );
+   items.insertBefore( pool[ 2 ], bookmark );
+   EXPECT_EQ( items.next( bookmark )->number, 2 );
+   EXPECT_FATAL( items.pushBack( pool[ 2 ] ), "hook is already linked" );
+
+   Items other;
+   EXPECT_FATAL( other.pushFront( pool[ 0 ] ), "hook is already linked" );
+   other.pushBack( pool[ 3 ] );
+   other.pushBack( pool[ 4 ] );
+   items.spliceFront( other );
+   EXPECT_TRUE( other.empty() );
+   EXPECT_THAT( numbersOf( items ), ElementsAre( 3, 4, 0, 2 ) );
+   other.pushBack( pool[ 1 ] );
+   items.spliceBack( other );
+   EXPECT_THAT( numbersOf( items ), ElementsAre( 3, 4, 0, 2, 1 ) );
+   pool.pop_front(); // an element leaves its list when it dies
+   EXPECT_THAT( numbersOf( items ), ElementsAre( 3, 4, 2, 1 ) );
+   EXPECT_TRUE( items.checkForTest() );
+   {
+      Items dying;
+      Item item( 9 );
+      dying.pushBack( item );
+      EXPECT_TRUE( item.link.linked() );
+   }
+}
+
+} // namespace

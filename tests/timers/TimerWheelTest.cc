@@ -1,0 +1,532 @@
+#include <Quarn/Debug.h>
+#include <Quarn/LibeventFactoryCpp.h>
+#include <Quarn/TimerWheelCpp.h>
+
+#include "support/Clocks.h"
+#include "support/Fatal.h"
+#include "support/TraceCapture.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <functional>
+#include <map>
+#include <random>
+#include <thread>
+
+namespace {
+
+using namespace Quarn;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing_support::ManualTimerClock;
+using testing_support::TraceCapture;
+
+constexpr double infinity = std::numeric_limits<double>::infinity();
+
+class Event : public TimerWheelEvent {
+ public:
+   explicit Event( std::function<void()> on = [] {} ) : on_( std::move( on ) ) {}
+   void timeout() override {
+      ++fired;
+      const std::function<void()> on = on_;
+      on();
+   }
+   void onIs( std::function<void()> on ) { on_ = std::move( on ); }
+   int fired = 0;
+
+ private:
+   std::function<void()> on_;
+};
+
+// A wheel under a clock that the test moves.
+class TimerWheelTest : public testing::Test {
+ protected:
+   bool check( std::vector<TimerWheelEvent*> events ) { return wheel->checkForTest( events ); }
+
+   ManualTimerClock clock;
+   std::shared_ptr<TimerWheel> wheel =
+         getTimerWheelForTaskScheduler( Platform::EventPriority::eventPriorityDefault );
+};
+
+TEST( TimerTicksTest, ConversionRoundsInExtendedPrecision ) {
+   const struct {
+      double seconds;
+      timeout_t floor;
+      timeout_t ceil;
+   } table[] = {
+         { 0.0, 0, 0 },
+         { 0.1, 10, 11 },
+         { 0.3, 29, 30 },
+         { 0.7, 69, 70 },
+         { 1000000000.1, 100000000010, 100000000011 },
+         { 0.01, 1, 2 },
+         { 0.5, 50, 50 },
+         { -3.0, 0, 0 },
+         { -infinity, 0, 0 },
+         { NAN, 0, 0 },
+         { 1e17, 10000000000000000000u, 10000000000000000000u },
+   };
+   for( const auto& row : table ) {
+      EXPECT_EQ( timeToTickFloorForTest( row.seconds ), row.floor ) << row.seconds;
+      EXPECT_EQ( timeToTickCeilForTest( row.seconds ), row.ceil ) << row.seconds;
+   }
+   constexpr double limit = 1.8446744073709551615e17;
+   const timeout_t maxTick = ~timeout_t{ 0 };
+   TraceCapture capture;
+   EXPECT_LT( timeToTickCeilForTest( std::nextafter( limit, 0 ) ), maxTick );
+   EXPECT_EQ( capture.text(), "" );
+   EXPECT_EQ( timeToTickFloorForTest( limit ), maxTick );
+   EXPECT_EQ( timeToTickFloorForTest( infinity ), maxTick );
+   EXPECT_EQ( capture.count( "truncating ticks from " ), 2u );
+   EXPECT_EQ( capture.count( "QuarnTimerWheel/0 timeToTickOverflowCheck() " ), 2u );
+}
+
+TEST_F( TimerWheelTest, ArmsItsMasterForTheEarliestTimer ) {
+   EXPECT_EQ( wheel->masterExpiryForTest(), infinity );
+   Event late;
+   Event early;
+   wheel->timerStart( &late, 20.0 );
+   EXPECT_LE( wheel->masterExpiryForTest(), late.expirationTime() );
+   wheel->timerStart( &early, 2.0 );
+   EXPECT_LE( wheel->masterExpiryForTest(), early.expirationTime() );
+   EXPECT_EQ( early.remainingTimeout(), 2.0 );
+   const double master = wheel->masterExpiryForTest();
+   wheel->timerStop( &early );
+   EXPECT_EQ( early.remainingTimeout(), infinity );
+   EXPECT_EQ( wheel->masterExpiryForTest(), master ) << "stopping leaves the master alone";
+   wheel->timerStop( &late );
+   clock.advance( 3.0 );
+   wheel->timeout();
+   EXPECT_EQ( wheel->masterExpiryForTest(), infinity ) << "a wake-up for nothing re-arms";
+   wheel->timerStart( &late, 0.0 );
+   EXPECT_EQ( wheel->masterExpiryForTest(), 0.0 ) << "expired already: at once";
+   wheel->timerStop( &late );
+}
+
+TEST_F( TimerWheelTest, CollectsAtTheTickAndDeliversAtTheExactTime ) {
+   const auto handler = Platform::getDebugHandler( "QuarnTimerWheel", false );
+   handler->enabledIs( 9, true );
+   handler->enabledIs( 8, true );
+   clock.set( 1000000.009 );
+   Event event;
+   wheel->timerStart( &event, 0.004 );
+   clock.set( 1000000.0105 );
+   TraceCapture capture;
+   wheel->timeout();
+   EXPECT_EQ( event.fired, 0 );
+   EXPECT_EQ( event.state(), TimerWheelState::inTimersExpiryingSoon );
+   EXPECT_THAT( capture.text(), HasSubstr( "master timer expired" ) );
+   EXPECT_THAT( capture.text(), HasSubstr( "TimerWheel::setCurrentTime() advance time to " ) );
+   EXPECT_THAT( capture.text(), HasSubstr( "Defer processing timers with expiry time " ) );
+   EXPECT_THAT( capture.text(), HasSubstr( "has scheduled timers, firstExpiryTime=" ) );
+   EXPECT_EQ( wheel->masterExpiryForTest(), event.expirationTime() );
+   clock.set( event.expirationTime() );
+   wheel->timeout();
+   EXPECT_EQ( event.fired, 1 );
+   EXPECT_EQ( event.state(), TimerWheelState::notLinked );
+   EXPECT_THAT( capture.text(), HasSubstr( "TimerWheel::timerExpired() timer " ) );
+}
+
+TEST_F( TimerWheelTest, EarlierTimerIsNotHeldUpByABucketThatWaits ) {
+   // One timer waits in its bucket for its exact time; a shorter one arrives in the same tick.
+   clock.set( 1000000.0001 );
+   Event waiting;
+   wheel->timerStart( &waiting, 0.0098 );
+   clock.set( 1000000.0002 );
+   wheel->timeout();
+   ASSERT_EQ( waiting.state(), TimerWheelState::inTimersExpiryingSoon );
+   Event shorter;
+   wheel->timerStart( &shorter, 0.002 );
+   EXPECT_EQ( wheel->masterExpiryForTest(), shorter.expirationTime() );
+   EXPECT_TRUE( check( { &waiting, &shorter } ) );
+   clock.set( shorter.expirationTime() );
+   wheel->timeout();
+   EXPECT_EQ( shorter.fired, 1 );
+   EXPECT_EQ( waiting.fired, 0 );
+   wheel->timerStop( &waiting );
+}
+
+TEST_F( TimerWheelTest, EqualExpiriesFireInOrder ) {
+   std::vector<int> order;
+   std::vector<std::unique_ptr<Event>> events;
+   for( int n = 0; n < 5; ++n ) {
+      events.push_back( std::make_unique<Event>( [ &order, n ] { order.push_back( n ); } ) );
+      wheel->timerStart( events.back().get(), 7.25 );
+   }
+   Event first( [ & ] { order.push_back( -1 ); } );
+   wheel->timerStart( &first, 7.2499 );
+   clock.advance( 100 );
+   EXPECT_EQ( wheel->_processExpiredTimers(), 6u );
+   EXPECT_THAT( order, ElementsAre( -1, 0, 1, 2, 3, 4 ) );
+}
+
+TEST_F( TimerWheelTest, SameExpiryIsNoMoveAndAnotherIs ) {
+   const auto handler = Platform::getDebugHandler( "QuarnTimerWheel", false );
+   Event event;
+   wheel->timerStart( &event, 5.0 );
+   handler->enabledIs( 9, true );
+   TraceCapture capture;
+   wheel->timerStart( &event, 5.0 );
+   EXPECT_EQ( capture.text(), "" );
+   wheel->timerStart( &event, 6.0 );
+   EXPECT_EQ( event.remainingTimeout(), 6.0 );
+   wheel->timerStop( &event );
+   wheel->timerStop( &event );
+   EXPECT_EQ( capture.count( "del timeout, not running" ), 1u );
+}
+
+TEST_F( TimerWheelTest, StrangeDelays ) {
+   Event event;
+   EXPECT_FATAL( wheel->timerStart( &event, NAN ), "invalid timer delay nan" );
+   for( const double now : { 0.0, -infinity, -1e300, -5.0 } ) {
+      wheel->timerStart( &event, now );
+      wheel->timeout();
+   }
+   EXPECT_EQ( event.fired, 4 );
+   wheel->timerStart( &event, infinity );
+   EXPECT_EQ( event.state(), TimerWheelState::notLinked );
+   wheel->timerStart( &event, 1.0 );
+   wheel->timerStart( &event, infinity );
+   EXPECT_EQ( event.state(), TimerWheelState::notLinked ) << "+infinity stops a timer that runs";
+   TraceCapture capture;
+   wheel->timerStart( &event, 1e300 );
+   EXPECT_EQ( capture.count( "down to 18446744073709551615" ), 1u );
+   clock.advance( 1e9 );
+   wheel->timeout();
+   EXPECT_EQ( event.fired, 4 );
+   wheel->timerStop( &event );
+}
+
+TEST_F( TimerWheelTest, TimeoutMayStopRestartAndDestroyOthersOfItsBucket ) {
+   auto destroyed = std::make_unique<Event>();
+   Event stopped;
+   Event restarted;
+   Event last;
+   Event first( [ & ] {
+      wheel->timerStop( destroyed.get() );
+      destroyed.reset();
+      wheel->timerStop( &stopped );
+      wheel->timerStart( &restarted, 3.0 );
+   } );
+   for( TimerWheelEvent* ev : std::initializer_list<TimerWheelEvent*>{
+              &first, destroyed.get(), &stopped, &restarted, &last } ) {
+      wheel->timerStart( ev, 1.0 );
+   }
+   clock.advance( 1.0 );
+   EXPECT_EQ( wheel->_processExpiredTimers(), 2u );
+   EXPECT_EQ( stopped.fired + restarted.fired, 0 );
+   EXPECT_EQ( last.fired, 1 );
+   EXPECT_TRUE( wheel->checkForTest(
+         std::vector<TimerWheelEvent*>{ &first, &stopped, &restarted, &last } ) );
+   wheel->timerStop( &restarted );
+}
+
+TEST_F( TimerWheelTest, RestartWithZeroRunsOncePerPass ) {
+   Event again;
+   again.onIs( [ & ] { wheel->timerStart( &again, 0.0 ); } );
+   wheel->timerStart( &again, 0.0 );
+   for( int pass = 1; pass <= 3; ++pass ) {
+      wheel->timeout();
+      EXPECT_EQ( again.fired, pass );
+      EXPECT_EQ( wheel->masterExpiryForTest(), 0.0 );
+   }
+   wheel->timerStop( &again );
+}
+
+TEST_F( TimerWheelTest, DeliveryMayBeEnteredFromATimeout ) {
+   std::vector<int> order;
+   Event a( [ & ] {
+      order.push_back( 1 );
+      EXPECT_EQ( wheel->_processExpiredTimers(), 2u );
+      order.push_back( 2 );
+   } );
+   Event b( [ & ] { order.push_back( 3 ); } );
+   Event c( [ & ] { order.push_back( 4 ); } );
+   wheel->timerStart( &a, 1.0 );
+   wheel->timerStart( &b, 1.0 );
+   wheel->timerStart( &c, 2.0 );
+   clock.advance( 2.0 );
+   EXPECT_EQ( wheel->_processExpiredTimers(), 1u );
+   EXPECT_THAT( order, ElementsAre( 1, 3, 4, 2 ) );
+}
+
+TEST_F( TimerWheelTest, ExceptionFromATimeoutLosesNothing ) {
+   Event thrower( [] { throw std::runtime_error( "thrown" ); } );
+   Event same;
+   Event later;
+   wheel->timerStart( &thrower, 1.0 );
+   wheel->timerStart( &same, 1.0 );
+   wheel->timerStart( &later, 5.0 );
+   clock.advance( 1.0 );
+   EXPECT_THROW( wheel->timeout(), std::runtime_error );
+   EXPECT_EQ( same.fired, 0 );
+   EXPECT_LE( wheel->masterExpiryForTest(), same.expirationTime() ) << "the master is armed again";
+   wheel->timeout();
+   EXPECT_EQ( same.fired, 1 );
+   clock.advance( 4.0 );
+   wheel->timeout();
+   EXPECT_EQ( later.fired, 1 );
+}
+
+TEST_F( TimerWheelTest, TimeoutMayDestroyTheWheel ) {
+   Event inner( [ & ] { wheel.reset(); } );
+   Event outer( [ & ] { wheel->_processExpiredTimers(); } );
+   wheel->timerStart( &outer, 1.0 );
+   wheel->timerStart( &inner, 1.0 );
+   clock.advance( 1.0 );
+   wheel->timeout();
+   EXPECT_FALSE( wheel );
+   EXPECT_EQ( inner.fired, 1 );
+}
+
+TEST_F( TimerWheelTest, LinkedEventsDieWithAMessage ) {
+   EXPECT_DEATH(
+         {
+            Event event;
+            wheel->timerStart( &event, 1.0 );
+         },
+         "TimerWheelEvent 0x[0-9a-f]+ destroyed while inTimerWheel" );
+   EXPECT_DEATH(
+         {
+            Event event;
+            wheel->timerStart( &event, 0.0099 );
+            clock.advance( 0.009 );
+            wheel->timeout();
+            if( event.state() == TimerWheelState::inTimersExpiryingSoon ) {
+               wheel.reset();
+            }
+         },
+         "Destroyed while non-empty" );
+}
+
+TEST_F( TimerWheelTest, StatesAreChecked ) {
+   Event event;
+   EXPECT_STREQ( timerWheelStateToString( TimerWheelState( 3 ) ), "unknownState" );
+   EXPECT_FATAL( event.stateIs( TimerWheelState( 3 ) ), "invalid state 3" );
+   event.stateIs( TimerWheelState::inTimerWheel );
+   EXPECT_FATAL( event.stateIs( TimerWheelState::inTimersExpiryingSoon ),
+                 "State change inTimerWheel -> inTimersExpiryingSoon must go via notLinked" );
+   event.stateIs( TimerWheelState::notLinked );
+}
+
+TEST_F( TimerWheelTest, ControlsOnAWheel ) {
+   struct Handler : Platform::TimeoutHandler {
+      void timeout() override {
+         ++fired;
+         if( throws ) {
+            throw std::runtime_error( "thrown" );
+         }
+      }
+      bool handleTimeoutException() override { return swallow; }
+      int fired = 0;
+      bool throws = false;
+      bool swallow = false;
+   } handler;
+   auto control = Platform::getTimerControl( &handler, wheel );
+   EXPECT_EQ( control->remainingTimeout(), infinity );
+   control->setTimeout( 2.0 );
+   EXPECT_EQ( control->remainingTimeout(), 2.0 );
+   control->setTimeout( infinity );
+   EXPECT_EQ( control->remainingTimeout(), infinity );
+   const auto fire = [ & ] {
+      control->setTimeout( 2.0 );
+      clock.advance( 2.0 );
+      wheel->timeout();
+   };
+   fire();
+   EXPECT_EQ( handler.fired, 1 );
+   handler.throws = true;
+   EXPECT_THROW( fire(), std::runtime_error );
+   handler.swallow = true;
+   fire();
+   EXPECT_EQ( handler.fired, 3 );
+   // The control holds the wheel.
+   std::weak_ptr<TimerWheel> weak = wheel;
+   wheel.reset();
+   EXPECT_FALSE( weak.expired() );
+   control.reset();
+   EXPECT_TRUE( weak.expired() );
+}
+
+TEST( TimerWheelThreadTest, EachThreadHasAWheel ) {
+   const std::shared_ptr<TimerWheel> mine = getTimerWheel();
+   EXPECT_EQ( getTimerWheel(), mine );
+   std::weak_ptr<TimerWheel> other;
+   std::thread( [ & ] {
+      other = getTimerWheel();
+      EXPECT_NE( other.lock(), mine );
+      Event event;
+      getTimerWheel()->timerStart( &event, 0.0 );
+      eventLoopTimeout( 0 );
+      eventLoopTimeout( 0 );
+      EXPECT_EQ( event.fired, 1 ) << "driven by the thread's own loop";
+   } ).join();
+   EXPECT_TRUE( other.expired() );
+}
+
+TEST( TimerWheelLoopTest, RealTimersAreNeverEarly ) {
+   // The loop's clock lags the wheel's; what fires early there is deferred here.
+   const auto wheel = getTimerWheel();
+   std::vector<std::unique_ptr<Event>> events;
+   std::vector<double> due;
+   int early = 0;
+   int left = 0;
+   for( int n = 0; n < 200; ++n ) {
+      events.push_back( std::make_unique<Event>() );
+      Event* event = events.back().get();
+      const double delay = 0.0003 * n;
+      const double at = Quarn::time() + delay;
+      event->onIs( [ &, at ] {
+         early += Quarn::time() < at ? 1 : 0;
+         --left;
+      } );
+      ++left;
+      wheel->timerStart( event, delay );
+   }
+   while( left > 0 ) {
+      eventLoopTimeout( 0.02 );
+   }
+   EXPECT_EQ( early, 0 );
+}
+
+// The wheel against a sorted multimap, under random steps.
+class TimerWheelModel : public testing::TestWithParam<unsigned> {};
+
+TEST_P( TimerWheelModel, AgreesWithASortedMap ) {
+   SCOPED_TRACE( testing::Message() << "seed " << GetParam() );
+   std::mt19937 random( GetParam() );
+   ManualTimerClock clock( 1.7e9 + GetParam() * 0.00137 );
+   auto wheel = getTimerWheelForTaskScheduler( Platform::EventPriority::eventPriorityDefault );
+
+   struct Timer;
+   using Model = std::multimap<double, Timer*>;
+   struct Timer : TimerWheelEvent {
+      std::function<void( Timer& )> on;
+      Model::iterator place;
+      bool armed = false;
+      void timeout() override { on( *this ); }
+   };
+   Model model;
+   std::vector<Timer> timers( 24 );
+   std::vector<TimerWheelEvent*> pointers;
+   double passNow = 0.0;
+   double lastDelivered = 0.0;
+   const auto pick = [ & ]( unsigned n ) { return static_cast<unsigned>( random() % n ); };
+
+   const auto stop = [ & ]( Timer& timer ) {
+      wheel->timerStop( &timer );
+      if( timer.armed ) {
+         model.erase( timer.place );
+         timer.armed = false;
+      }
+   };
+   const auto start = [ & ]( Timer& timer ) {
+      static constexpr double table[] = { 0.0,  0.0001, 0.004, 0.0099,   0.01, 0.0101,
+                                          0.25, 1.0,    63.99, 640.0,    1e5,  1e9,
+                                          2e17, 1e300,  -0.5,  -infinity };
+      const unsigned n = pick( 20 );
+      const double delay = n < std::size( table ) ? table[ n ]
+                           : n == 19              ? infinity
+                                     : std::uniform_real_distribution<>( 0, 2 )( random );
+      const double expiry = clock.now() + ( delay == -infinity ? 0.0 : delay );
+      const bool unchanged = timer.armed && timer.expirationTime() == expiry;
+      wheel->timerStart( &timer, delay );
+      if( unchanged ) {
+         return;
+      }
+      if( timer.armed ) {
+         model.erase( timer.place );
+         timer.armed = false;
+      }
+      if( expiry != infinity ) {
+         timer.place = model.emplace( expiry, &timer );
+         timer.armed = true;
+      }
+   };
+   for( Timer& timer : timers ) {
+      pointers.push_back( &timer );
+      timer.on = [ & ]( Timer& self ) {
+         ASSERT_TRUE( self.armed );
+         EXPECT_LE( self.place->first, passNow ) << "early";
+         EXPECT_GE( self.place->first, lastDelivered ) << "out of order";
+         EXPECT_EQ( self.place->first, model.begin()->first ) << "an earlier one was passed over";
+         lastDelivered = self.place->first;
+         model.erase( self.place );
+         self.armed = false;
+         Timer& other = timers[ pick( 24 ) ];
+         switch( pick( 8 ) ) {
+         case 0:
+            stop( other );
+            break;
+         case 1:
+            if( other.armed && other.place->first <= passNow ) {
+               stop( other );
+            }
+            break;
+         case 2:
+            // Restarted from here it waits for a later pass, so the model's order starts anew
+            // there.
+            if( const double expiry = clock.now() + 0.5; !other.armed ) {
+               wheel->timerStart( &other, 0.5 );
+               other.place = model.emplace( expiry, &other );
+               other.armed = true;
+            }
+            break;
+         case 3:
+            throw 1;
+         default:
+            break;
+         }
+      };
+   }
+
+   for( int step = 0; step < 4000; ++step ) {
+      Timer& timer = timers[ pick( 24 ) ];
+      switch( pick( 10 ) ) {
+      case 0:
+      case 1:
+      case 2:
+         start( timer );
+         break;
+      case 3:
+         stop( timer );
+         break;
+      case 4:
+         clock.advance( -std::uniform_real_distribution<>( 0, 2000 )( random ) );
+         break;
+      case 5:
+         if( !model.empty() && model.begin()->first < clock.now() + 1e6 ) {
+            clock.set( std::max( clock.now(), model.begin()->first ) );
+         }
+         break;
+      default:
+         clock.advance(
+               std::uniform_real_distribution<>( 0, pick( 4 ) == 0 ? 700 : 0.02 )( random ) );
+         break;
+      }
+      passNow = clock.now();
+      lastDelivered = -infinity;
+      try {
+         wheel->timeout();
+         EXPECT_TRUE( model.empty() || model.begin()->first > clock.now() ) << "late";
+      } catch( int ) {
+      }
+      ASSERT_TRUE( wheel->checkForTest( pointers ) ) << "step " << step;
+      for( const Timer& t : timers ) {
+         ASSERT_EQ( t.armed, t.expirationTime() != infinity );
+         ASSERT_TRUE( !t.armed || t.place->first == t.expirationTime() );
+      }
+      if( HasFailure() ) {
+         FAIL() << "step " << step;
+      }
+   }
+   for( Timer& timer : timers ) {
+      wheel->timerStop( &timer );
+   }
+}
+
+INSTANTIATE_TEST_SUITE_P( Seeds, TimerWheelModel, testing::Values( 1, 2, 3, 42, 4711 ) );
+
+} // namespace

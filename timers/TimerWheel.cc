@@ -1,0 +1,408 @@
+#include <Quarn/timers/TimerWheel.h>
+
+#include <Quarn/platform/Factories.h>
+#include <Quarn/platform/Time.h>
+
+#include "debug/Handlers.h"
+#include "timers/TimerTicks.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <utility>
+
+namespace Quarn {
+
+using Platform::timerWheelHandler;
+
+namespace {
+
+constexpr char sourceFile[] = "TimerWheelCpp";
+
+constexpr double infinity = std::numeric_limits<double>::infinity();
+
+// So many nodes of emptied buckets are kept; a burst beyond it goes back to the allocator.
+constexpr std::size_t spareBucketsMax = 256;
+
+} // namespace
+
+// ---------------------------------------------------------------------------------------- buckets
+
+TimerWheel::TimersAtTimeout::~TimersAtTimeout() {
+   if( head_ ) {
+      QUARN_DIE( "TimersAtTimeout", "~TimersAtTimeout", "Destroyed while non-empty" );
+   }
+}
+
+void TimerWheel::TimersAtTimeout::pushBack( ::timeout* record ) {
+   if( record->pending ) {
+      QUARN_FAIL( "TimersAtTimeout", "pending set to {}", fmt::ptr( record->pending ) );
+   }
+   // The wheel library does not look at a record that it does not hold, so the field can say which
+   // bucket holds it.
+   record->pending = reinterpret_cast<timeout_list*>( this );
+   record->tqe.tqe_next = nullptr;
+   record->tqe.tqe_prev = lastLink_;
+   *lastLink_ = record;
+   lastLink_ = &record->tqe.tqe_next;
+}
+
+void TimerWheel::TimersAtTimeout::unlink( ::timeout* record ) {
+   if( record->pending != reinterpret_cast<timeout_list*>( this ) ) {
+      QUARN_FAIL( "TimersAtTimeout", "Event {} linked to {}", fmt::ptr( record ),
+                  fmt::ptr( record->pending ) );
+   }
+   if( record->tqe.tqe_next ) {
+      record->tqe.tqe_next->tqe.tqe_prev = record->tqe.tqe_prev;
+   } else {
+      lastLink_ = record->tqe.tqe_prev;
+   }
+   *record->tqe.tqe_prev = record->tqe.tqe_next;
+   record->pending = nullptr;
+}
+
+// ------------------------------------------------------------------------------------------ wheel
+
+// A delivery that runs. A delivered timer may destroy the wheel, or start a delivery of its own,
+// and destroy the wheel there.
+class TimerWheel::Pass {
+ public:
+   // Out of line, or gcc 12 takes the address that is stored here for one that is left behind.
+   [[gnu::noinline]] explicit Pass( TimerWheel& wheel ) : wheel_( &wheel ), outer_( wheel.pass_ ) {
+      wheel.pass_ = this;
+   }
+   ~Pass() {
+      if( wheel_ ) {
+         wheel_->pass_ = outer_;
+      }
+   }
+   Pass( const Pass& ) = delete;
+   Pass& operator=( const Pass& ) = delete;
+
+   bool wheelGone() const { return !wheel_; }
+
+   // The wheel goes; tells the passes around this one too.
+   void wheelGoes() {
+      for( Pass* pass = this; pass; pass = pass->outer_ ) {
+         pass->wheel_ = nullptr;
+      }
+   }
+
+ private:
+   TimerWheel* wheel_;
+   Pass* outer_;
+};
+
+TimerWheel::TimerWheel( Platform::EventPriority priority )
+      : masterExpiry_( infinity ),
+        master_( Platform::getTimerControl( this, priority ) ) {
+   wheel_ = timeouts_open( ticksPerSecond, &error_ );
+   if( error_ != 0 || !wheel_ ) {
+      QUARN_FAIL( "TimerWheel", "Error code {}", error_ );
+   }
+   try {
+      spareBuckets_.reserve( spareBucketsMax );
+      _setCurrentTime( time() );
+   } catch( ... ) {
+      timeouts_close( wheel_ );
+      throw;
+   }
+}
+
+TimerWheel::~TimerWheel() {
+   if( pass_ ) {
+      pass_->wheelGoes();
+   }
+   // Before the wheel closes, so that nothing can fire into it.
+   master_.reset();
+   timeouts_close( wheel_ );
+}
+
+void TimerWheel::_setCurrentTime( double now ) {
+   const timeout_t tick = timeToTickCeil( now );
+   QUARN_TRACE_AS( timerWheelHandler, 8, "TimerWheel", "setCurrentTime",
+                   "advance time to {} tick {}", now, tick );
+   timeouts_update( wheel_, tick );
+}
+
+void TimerWheel::_masterIs( double delay, double expiry ) {
+   master_->setTimeout( delay );
+   masterExpiry_ = expiry;
+}
+
+void TimerWheel::timerStart( TimerWheelEvent* ev, double delay ) {
+   if( std::isnan( delay ) ) {
+      QUARN_FAIL( "TimerWheel", "invalid timer delay {}", delay );
+   }
+   if( delay == -infinity ) {
+      delay = 0.0;
+   }
+   if( ev->pending ) {
+      // Among many timers the neighbours that a move relinks are far from the cache; they come
+      // while the clock is read, which no load overtakes.
+      __builtin_prefetch( ev->tqe.tqe_next, 1 );
+      __builtin_prefetch( ev->tqe.tqe_prev, 1 );
+   }
+   const double expiry = time() + delay;
+   if( expiry == ev->expirationTime_ ) {
+      return;
+   }
+   if( expiry == infinity ) {
+      timerStop( ev );
+      return;
+   }
+   if( ev->expirationTime_ != infinity ) {
+      timerStop( ev );
+   }
+   ev->expirationTime_ = expiry;
+   // Floor here and ceiling of "now" in processing: an event is collected no later than its tick,
+   // and the exact comparison at delivery decides when it fires.
+   const timeout_t ticks = timeToTickFloor( expiry );
+   QUARN_TRACE( timerWheelHandler, 9, "TimerWheel", "timer {} ticks {} delay {} expiry {}",
+                fmt::ptr( ev ), ticks, delay, expiry );
+   timeouts_add( wheel_, ev, ticks );
+   ev->_moves( TimerWheelState::notLinked, TimerWheelState::inTimerWheel );
+   if( masterExpiry_ > expiry ) {
+      setMasterTimer();
+      // The buckets may hold an earlier tick but a later exact time than this event, which then
+      // waits on the wheel's own list; the next pass collects both.
+      if( masterExpiry_ > expiry ) {
+         _masterIs( std::max( 0.0, expiry - time() ), expiry );
+      }
+   }
+}
+
+void TimerWheel::timerStop( TimerWheelEvent* ev ) {
+   if( ev->expirationTime_ == infinity ) {
+      QUARN_TRACE( timerWheelHandler, 9, "TimerWheel", "timer {} del timeout, not running",
+                   fmt::ptr( ev ) );
+      return;
+   }
+   QUARN_TRACE( timerWheelHandler, 9, "TimerWheel", "timer {} del timeout", fmt::ptr( ev ) );
+   if( ev->_is( TimerWheelState::inTimerWheel ) ) [[likely]] {
+      timeouts_del( wheel_, ev );
+      ev->_moves( TimerWheelState::inTimerWheel, TimerWheelState::notLinked );
+   } else if( ev->state() == TimerWheelState::inTimersExpiryingSoon ) {
+      _timersExpiryingSoonRemove( ev );
+   } else {
+      QUARN_FAIL( "TimerWheel", "Not linked but expirationTime={}", ev->expirationTime_ );
+   }
+   ev->expirationTime_ = infinity;
+}
+
+void TimerWheel::_timersExpiryingSoonRemove( TimerWheelEvent* ev ) {
+   if( ev->state() != TimerWheelState::inTimersExpiryingSoon ) {
+      QUARN_FAIL_AS( "TimerWheel", "timersExpiryingSoonRemove",
+                     "Removing from timersExpiryingSoon in state {}", ev->state() );
+   }
+   if( !ev->pending ) {
+      QUARN_FAIL_AS( "TimerWheel", "timersExpiryingSoonRemove", "No timersAtTimeout" );
+   }
+   // The bucket stays, perhaps empty; processing removes it.
+   reinterpret_cast<TimersAtTimeout*>( ev->pending )->unlink( ev );
+   ev->stateIs( TimerWheelState::notLinked );
+}
+
+void TimerWheel::_bucketAdd( TimerWheelEvent* ev ) {
+   // Events come out of the wheel roughly in order, so most go behind the last bucket.
+   auto hint = timersExpiryingSoon_.end();
+   if( !timersExpiryingSoon_.empty() &&
+       timersExpiryingSoon_.rbegin()->first >= ev->expirationTime_ ) {
+      hint = timersExpiryingSoon_.lower_bound( ev->expirationTime_ );
+   }
+   auto bucket = hint;
+   if( hint == timersExpiryingSoon_.end() || hint->first != ev->expirationTime_ ) {
+      if( spareBuckets_.empty() ) {
+         bucket = timersExpiryingSoon_.try_emplace( hint, ev->expirationTime_ );
+      } else {
+         Buckets::node_type node = std::move( spareBuckets_.back() );
+         spareBuckets_.pop_back();
+         node.key() = ev->expirationTime_;
+         bucket = timersExpiryingSoon_.insert( hint, std::move( node ) );
+      }
+   }
+   ev->_moves( TimerWheelState::notLinked, TimerWheelState::inTimersExpiryingSoon );
+   bucket->second.pushBack( ev );
+}
+
+void TimerWheel::_bucketErase( Buckets::iterator bucket ) {
+   if( spareBuckets_.size() < spareBucketsMax ) {
+      spareBuckets_.push_back( timersExpiryingSoon_.extract( bucket ) );
+   } else {
+      timersExpiryingSoon_.erase( bucket );
+   }
+}
+
+void TimerWheel::_collect() {
+   while( ::timeout* record = timeouts_get( wheel_ ) ) {
+      auto* ev = static_cast<TimerWheelEvent*>( record );
+      ev->_moves( TimerWheelState::inTimerWheel, TimerWheelState::notLinked );
+      try {
+         _bucketAdd( ev );
+      } catch( ... ) {
+         // Without memory for a bucket the event goes back, so that it is not lost.
+         timeouts_add( wheel_, ev, ev->expires );
+         ev->stateIs( TimerWheelState::inTimerWheel );
+         throw;
+      }
+   }
+}
+
+unsigned long TimerWheel::_processExpiredTimers() {
+   const double now = time();
+   _setCurrentTime( now );
+   _collect();
+   unsigned long count = 0;
+   const Pass pass( *this );
+   // A timer may come back here and erase buckets, so each round starts at the front anew.
+   while( !timersExpiryingSoon_.empty() ) {
+      const auto first = timersExpiryingSoon_.begin();
+      if( first->first > now ) {
+         QUARN_TRACE( timerWheelHandler, 9, "TimerWheel",
+                      "Defer processing timers with expiry time {} > now {}", first->first, now );
+         break;
+      }
+      if( first->second.empty() ) {
+         _bucketErase( first );
+         continue;
+      }
+      auto* ev = static_cast<TimerWheelEvent*>( first->second.front() );
+      first->second.unlink( ev );
+      ev->_moves( TimerWheelState::inTimersExpiryingSoon, TimerWheelState::notLinked );
+      QUARN_TRACE_AS( timerWheelHandler, 9, "TimerWheel", "timerExpired", "timer {} expired",
+                      fmt::ptr( ev ) );
+      ++count;
+      ev->expirationTime_ = infinity;
+      ev->timeout();
+      if( pass.wheelGone() ) {
+         break;
+      }
+   }
+   return count;
+}
+
+void TimerWheel::setMasterTimer() {
+   const double now = time();
+   _setCurrentTime( now );
+   const auto first = std::find_if( timersExpiryingSoon_.begin(), timersExpiryingSoon_.end(),
+                                    []( const auto& bucket ) { return !bucket.second.empty(); } );
+   if( first != timersExpiryingSoon_.end() && std::isfinite( first->first ) ) {
+      const double expiry = first->first;
+      if( now < expiry ) {
+         QUARN_TRACE(
+               timerWheelHandler, 8, "TimerWheel",
+               "has scheduled timers, firstExpiryTime={} now={}, set master timer timeout {}",
+               expiry, now, expiry - now );
+         _masterIs( expiry - now, expiry );
+         // What is on the wheel is later than any bucket, unless the clock was set back after the
+         // bucket was filled.
+         if( timeouts_pending( wheel_ ) ) {
+            const double delay = static_cast<double>( timeouts_timeout( wheel_ ) ) / ticksPerSecond;
+            if( now + delay < expiry ) {
+               _masterIs( delay, now + delay );
+            }
+         }
+      } else {
+         QUARN_TRACE( timerWheelHandler, 8, "TimerWheel",
+                      "has expired timers, firstExpiryTime={} now={}, set master timer timeout 0",
+                      expiry, now );
+         _masterIs( 0.0, expiry );
+      }
+      return;
+   }
+   if( timeouts_expired( wheel_ ) ) {
+      QUARN_TRACE( timerWheelHandler, 8, "TimerWheel",
+                   "has expired timers, set master timer timeout 0" );
+      _masterIs( 0.0, 0.0 );
+      return;
+   }
+   if( !timeouts_pending( wheel_ ) ) {
+      QUARN_TRACE( timerWheelHandler, 8, "TimerWheel", "has no timers, del master timer timeout" );
+      master_->delTimeout();
+      masterExpiry_ = infinity;
+      return;
+   }
+   const timeout_t ticks = timeouts_timeout( wheel_ );
+   const double delay = static_cast<double>( ticks ) / ticksPerSecond;
+   QUARN_TRACE( timerWheelHandler, 8, "TimerWheel",
+                "has scheduled timers, first timer expiry in {} ticks, set master timer timeout {}",
+                ticks, delay );
+   _masterIs( delay, now + delay );
+}
+
+void TimerWheel::timeout() {
+   QUARN_TRACE( timerWheelHandler, 8, "TimerWheel", "master timer expired" );
+   const Pass pass( *this );
+   try {
+      _processExpiredTimers();
+   } catch( ... ) {
+      // A stale master expiry would stop the wheel for good.
+      if( !pass.wheelGone() ) {
+         _rearm();
+      }
+      throw;
+   }
+   if( !pass.wheelGone() ) {
+      _rearm();
+   }
+}
+
+void TimerWheel::_rearm() {
+   // A timer started during delivery, for a tick that has come, waits on the wheel's own list,
+   // where a bucket that waits for a later time would hide it.
+   if( !timersExpiryingSoon_.empty() && timeouts_expired( wheel_ ) ) {
+      try {
+         _collect();
+      } catch( const std::bad_alloc& ) {
+         QUARN_TRACE( timerWheelHandler, 1, "TimerWheel", "no memory, timers collected later" );
+      }
+   }
+   setMasterTimer();
+}
+
+unsigned long processExpiredTimersForTaskScheduler( const std::shared_ptr<TimerWheel>& wheel ) {
+   QUARN_TRACE( timerWheelHandler, 8, "Quarn", "process expired timers" );
+   return wheel->_processExpiredTimers();
+}
+
+// ----------------------------------------------------------------------------------------- checks
+
+bool TimerWheel::checkForTest( std::span<TimerWheelEvent* const> events ) const {
+   bool good = timeouts_check( wheel_, stderr );
+   const auto complain = [ & ]( char const* what, void const* where ) {
+      fmt::print( stderr, "timer wheel: {} at {}\n", what, where );
+      good = false;
+   };
+   std::size_t inBuckets = 0;
+   for( const auto& [ expiry, bucket ] : timersExpiryingSoon_ ) {
+      for( ::timeout const* record = bucket.front(); record; record = record->tqe.tqe_next ) {
+         ++inBuckets;
+         if( static_cast<TimerWheelEvent const*>( record )->expirationTime_ != expiry ) {
+            complain( "event in the bucket of another time", record );
+         }
+         if( record->pending != reinterpret_cast<timeout_list const*>( &bucket ) ) {
+            complain( "event points at another bucket", record );
+         }
+      }
+   }
+   for( TimerWheelEvent const* ev : events ) {
+      const TimerWheelState state = ev->state();
+      const bool armed = ev->expirationTime_ != infinity;
+      if( armed != ( state != TimerWheelState::notLinked ) ) {
+         complain( "armed and linked disagree", ev );
+      }
+      if( ( state != TimerWheelState::notLinked ) != ( ev->pending != nullptr ) ) {
+         complain( "state and links disagree", ev );
+      }
+      if( armed && !pass_ && masterExpiry_ > ev->expirationTime_ ) {
+         complain( "master timer later than event", ev );
+      }
+      inBuckets -= state == TimerWheelState::inTimersExpiryingSoon ? 1 : 0;
+   }
+   if( inBuckets != 0 ) {
+      complain( "number of events in buckets is off by", reinterpret_cast<void*>( inBuckets ) );
+   }
+   return good;
+}
+
+} // namespace Quarn
