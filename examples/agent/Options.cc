@@ -1,0 +1,87 @@
+#include "examples/agent/Options.h"
+
+#include "examples/agent/ProcText.h"
+
+#include <CLI/CLI.hpp>
+
+#include <fmt/format.h>
+
+#include <charconv>
+#include <cmath>
+#include <optional>
+#include <string_view>
+
+namespace HostAgent {
+
+namespace {
+
+// The range checks of the option parser let NaN pass, and its conversions take "inf" and
+// hexadecimal numbers; these checks see the text first.
+template<typename Number>
+std::optional<Number> numberOf( std::string_view text ) {
+   Number number{};
+   char const* const end = text.data() + text.size();
+   const auto result = std::from_chars( text.data(), end, number );
+   if( result.ec != std::errc() || result.ptr != end ) {
+      return std::nullopt;
+   }
+   return number;
+}
+
+std::string checkSeconds( const std::string& text ) {
+   const auto seconds = numberOf<double>( text );
+   return seconds && *seconds >= 0.0 && *seconds <= 1e9
+                ? std::string()
+                : fmt::format( "'{}' is not a number of seconds from 0 to 1000000000", text );
+}
+
+std::string checkInterval( const std::string& text ) {
+   const auto seconds = numberOf<double>( text );
+   return seconds && *seconds > 0.0 && *seconds <= 3600.0
+                ? std::string()
+                : fmt::format( "'{}' is not a number of seconds above 0 and up to 3600", text );
+}
+
+std::string checkTop( const std::string& text ) {
+   const auto rows = numberOf<unsigned>( text );
+   return rows && *rows >= 1 && *rows <= 10000
+                ? std::string()
+                : fmt::format( "'{}' is not a whole number from 1 to 10000", text );
+}
+
+} // namespace
+
+std::variant<Options, ExitCode> optionsFromCommandLine( int argc, char const* const* argv,
+                                                        std::ostream& out, std::ostream& err ) {
+   Options options;
+   CLI::App app( "Watches the processes of this host and reports who uses it.", "host-agent" );
+   app.add_option( "--seconds", options.seconds, "How long to run; 0 runs until SIGINT or SIGTERM" )
+         ->check( CLI::Validator( checkSeconds, "" ) )
+         ->type_name( "N" )
+         ->capture_default_str();
+   app.add_option( "--interval", options.intervalSeconds,
+                   "Seconds from the start of one walk over the processes to the next" )
+         ->check( CLI::Validator( checkInterval, "" ) )
+         ->type_name( "S" )
+         ->capture_default_str();
+   app.add_option( "--top", options.top, "Rows of the list of busiest processes" )
+         ->check( CLI::Validator( checkTop, "" ) )
+         ->type_name( "N" )
+         ->capture_default_str();
+   app.add_option( "--trace", options.trace,
+                   "Trace settings, as in the environment variable TRACE" )
+         ->type_name( "SPEC" );
+   app.set_version_flag( "--version", "host-agent " HOST_AGENT_VERSION );
+   app.failure_message( []( CLI::App const*, const CLI::Error& error ) {
+      // The text repeats what the user typed.
+      return "host-agent: " + printable( error.what() ) + " (--help shows the options)\n";
+   } );
+   try {
+      app.parse( argc, argv );
+   } catch( const CLI::ParseError& error ) {
+      return ExitCode{ app.exit( error, out, err ) == 0 ? 0 : exitUsage };
+   }
+   return options;
+}
+
+} // namespace HostAgent

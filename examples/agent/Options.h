@@ -1,0 +1,35 @@
+// The agent's command line.
+
+#pragma once
+
+#include <iosfwd>
+#include <string>
+#include <variant>
+
+namespace HostAgent {
+
+struct Options {
+   // How long to run, 0 for until a signal comes.
+   double seconds = 10.0;
+   // From the start of one walk to that of the next.
+   double intervalSeconds = 1.0;
+   // Rows of the top list.
+   unsigned top = 10;
+   // Trace settings, in the syntax of the environment variable TRACE.
+   std::string trace;
+};
+
+// What the process ends with when the command line asks for no run.
+struct ExitCode {
+   int value;
+};
+
+// Exit codes of the program: for a failure at run time, and for a bad command line.
+inline constexpr int exitFailure = 1;
+inline constexpr int exitUsage = 2;
+
+// Reads the command line. Help and version go to `out`; what is wrong goes to `err`, in one line.
+std::variant<Options, ExitCode> optionsFromCommandLine( int argc, char const* const* argv,
+                                                        std::ostream& out, std::ostream& err );
+
+} // namespace HostAgent

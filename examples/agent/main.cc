@@ -1,0 +1,84 @@
+// host-agent: watches the processes of this host for a while and reports who uses it.
+//
+// Ends with 0 after a run, 1 when something fails (the report cannot be written, for example), and
+// 2 for a bad command line.
+
+#include "examples/agent/Agent.h"
+#include "examples/agent/AgentReport.h"
+#include "examples/agent/Options.h"
+
+#include <Quarn/Debug.h>
+#include <Quarn/base/Exception.h>
+
+#include <cerrno>
+#include <csignal>
+#include <exception>
+#include <iostream>
+#include <memory>
+#include <sstream>
+#include <string_view>
+#include <variant>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+namespace {
+
+// A standard descriptor that the caller left closed would be given to the next file opened, which
+// would then receive the report. Writing to these stand-ins fails instead.
+void reserveStandardDescriptors() {
+   for( int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd ) {
+      if( fcntl( fd, F_GETFD ) < 0 ) {
+         // The lowest free number is taken, which is this one.
+         (void)open( "/dev/null", O_RDONLY );
+      }
+   }
+}
+
+int writeOut( std::string_view text ) {
+   errno = 0;
+   std::cout << text << std::flush;
+   if( !std::cout ) {
+      const int error = errno;
+      std::cerr << "host-agent: cannot write to standard output: "
+                << ( error != 0 ? Quarn::strerror( error ) : "unknown error" ) << '\n';
+      return HostAgent::exitFailure;
+   }
+   return 0;
+}
+
+int runAgent( const HostAgent::Options& options ) {
+   if( !options.trace.empty() ) {
+      Quarn::Platform::setupQuarnDebug( options.trace.c_str() );
+   }
+   std::ostringstream report;
+   auto agent = std::make_unique<HostAgent::Agent>( options );
+   agent->run();
+   HostAgent::renderReport( report, *agent );
+   // Signals end the process the usual way from here on, also when nobody reads the report.
+   agent.reset();
+   return writeOut( report.view() );
+}
+
+int runProgram( int argc, char** argv ) {
+   std::ostringstream text;
+   const auto parsed = HostAgent::optionsFromCommandLine( argc, argv, text, std::cerr );
+   if( auto const* code = std::get_if<HostAgent::ExitCode>( &parsed ) ) {
+      return code->value != 0 ? code->value : writeOut( text.view() );
+   }
+   return runAgent( std::get<HostAgent::Options>( parsed ) );
+}
+
+} // namespace
+
+int main( int argc, char** argv ) {
+   reserveStandardDescriptors();
+   // A reader that has gone away shows as a failed write.
+   std::signal( SIGPIPE, SIG_IGN );
+   try {
+      return runProgram( argc, argv );
+   } catch( const std::exception& error ) {
+      std::cerr << "host-agent: " << error.what() << '\n';
+      return HostAgent::exitFailure;
+   }
+}

@@ -1,0 +1,147 @@
+// The command line, and the program from the outside.
+
+#include "examples/agent/Options.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <sstream>
+#include <string>
+#include <utility>
+#include <variant>
+#include <vector>
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace HostAgent {
+namespace {
+
+using ::testing::HasSubstr;
+
+struct Outcome {
+   std::variant<Options, ExitCode> parsed;
+   std::string out;
+   std::string err;
+};
+
+Outcome parse( std::vector<char const*> arguments ) {
+   arguments.insert( arguments.begin(), "host-agent" );
+   std::ostringstream out;
+   std::ostringstream err;
+   auto parsed =
+         optionsFromCommandLine( static_cast<int>( arguments.size() ), arguments.data(), out, err );
+   return { std::move( parsed ), out.str(), err.str() };
+}
+
+TEST( OptionsTest, ValuesAtTheEdgesAreTaken ) {
+   const auto defaults = std::get<Options>( parse( {} ).parsed );
+   EXPECT_EQ( defaults.seconds, 10.0 );
+   EXPECT_EQ( defaults.intervalSeconds, 1.0 );
+   EXPECT_EQ( defaults.top, 10u );
+   const auto least = std::get<Options>(
+         parse( { "--seconds", "0", "--interval=1e-3", "--top", "1", "--trace", "X/5" } ).parsed );
+   EXPECT_EQ( least.seconds, 0.0 );
+   EXPECT_EQ( least.intervalSeconds, 1e-3 );
+   EXPECT_EQ( least.top, 1u );
+   EXPECT_EQ( least.trace, "X/5" );
+   EXPECT_EQ( std::get<Options>( parse( { "--interval", "3600" } ).parsed ).intervalSeconds,
+              3600.0 );
+}
+
+TEST( OptionsTest, BadValuesGiveOneLineThatNamesTheOption ) {
+   const struct {
+      char const* option;
+      std::vector<char const*> values;
+   } cases[] = {
+         { "--seconds",
+           { "-1", "nan", "inf", "1e999", "1e10", "", "abc", "1x", "0x10", " 1", "1,5" } },
+         { "--interval", { "0", "-0", "-1", "nan", "-nan", "inf", "3600.1", "", "1\n2" } },
+         { "--top", { "0", "-1", "1.5", "10001", "99999999999999999999", "", "nan" } },
+   };
+   for( const auto& [ option, values ] : cases ) {
+      for( char const* value : values ) {
+         const Outcome outcome = parse( { option, value } );
+         ASSERT_TRUE( std::holds_alternative<ExitCode>( outcome.parsed ) ) << option << value;
+         EXPECT_EQ( std::get<ExitCode>( outcome.parsed ).value, exitUsage );
+         EXPECT_THAT( outcome.err, HasSubstr( option ) );
+         EXPECT_EQ( std::ranges::count( outcome.err, '\n' ), 1 ) << outcome.err;
+         EXPECT_EQ( outcome.out, "" );
+      }
+   }
+}
+
+TEST( OptionsTest, UnknownAndIncompleteArgumentsAreErrors ) {
+   for( const auto& arguments :
+        std::vector<std::vector<char const*>>{ { "--bogus" },
+                                               { "extra\nline" },
+                                               { "--seconds" },
+                                               { "--top", "1", "--top", "2" } } ) {
+      const Outcome outcome = parse( arguments );
+      ASSERT_TRUE( std::holds_alternative<ExitCode>( outcome.parsed ) ) << arguments.front();
+      EXPECT_EQ( std::get<ExitCode>( outcome.parsed ).value, exitUsage );
+      EXPECT_EQ( std::ranges::count( outcome.err, '\n' ), 1 ) << outcome.err;
+   }
+}
+
+// What a shell command leaves: its exit code and what it wrote to standard output.
+std::pair<int, std::string> shell( const std::string& command ) {
+   FILE* pipe = popen( command.c_str(), "r" );
+   if( !pipe ) {
+      return { -1, {} };
+   }
+   std::string text;
+   char buffer[ 4096 ];
+   while( const std::size_t size = fread( buffer, 1, sizeof( buffer ), pipe ) ) {
+      text.append( buffer, size );
+   }
+   const int status = pclose( pipe );
+   return { WIFEXITED( status ) ? WEXITSTATUS( status ) : -1, text };
+}
+
+const std::string program = std::string( "'" HOST_AGENT_PROGRAM "' " );
+
+TEST( ProgramTest, ShortRunReportsAndEndsWithZero ) {
+   const auto [ code, text ] = shell( program + "--seconds 0.05 --interval 0.01 --top 3" );
+   EXPECT_EQ( code, 0 );
+   for( char const* part :
+        { "time is over", "processes seen", "UserSummary", "scheduler events" } ) {
+      EXPECT_THAT( text, HasSubstr( part ) );
+   }
+}
+
+TEST( ProgramTest, OutputThatCannotBeWrittenIsAFailureWithOneLine ) {
+   for( char const* redirection : { "> /dev/full", ">&-", ">&- <&-" } ) {
+      for( char const* arguments : { "--seconds 0.01", "--help", "--version" } ) {
+         const auto [ code, text ] =
+               shell( "{ " + program + arguments + " " + redirection + "; } 2>&1" );
+         EXPECT_EQ( code, 1 ) << arguments << redirection;
+         EXPECT_THAT( text, HasSubstr( "cannot write to standard output: " ) );
+         EXPECT_EQ( std::ranges::count( text, '\n' ), 1 ) << text;
+      }
+   }
+}
+
+TEST( ProgramTest, ReaderThatHasGoneIsAFailureAndNotADeath ) {
+   int ends[ 2 ];
+   ASSERT_EQ( pipe( ends ), 0 );
+   close( ends[ 0 ] );
+   // The shell hands the end of the broken pipe on; standard error goes to the test.
+   const auto [ code, text ] =
+         shell( program + "--seconds 0.01 2>&1 >&" + std::to_string( ends[ 1 ] ) );
+   close( ends[ 1 ] );
+   EXPECT_EQ( code, 1 );
+   EXPECT_EQ( text, "host-agent: cannot write to standard output: Broken pipe\n" );
+}
+
+TEST( ProgramTest, HelpAndVersionEndWithZero ) {
+   EXPECT_THAT( shell( program + "--help" ).second, HasSubstr( "--interval" ) );
+   EXPECT_EQ( shell( program + "--help" ).first, 0 );
+   EXPECT_THAT( shell( program + "--version" ).second, HasSubstr( "host-agent " ) );
+   EXPECT_EQ( shell( program + "--interval nan 2>&1" ).first, exitUsage );
+}
+
+} // namespace
+} // namespace HostAgent
