@@ -1,0 +1,210 @@
+// What the scheduler adds to a turn of the event loop.
+
+#include "BareTurn.h"
+#include "Figure.h"
+
+#include <Quarn/LibeventFactoryCpp.h>
+#include <Quarn/Task.h>
+#include <Quarn/TaskSchedulerCpp.h>
+#include <Quarn/base/ThreadControl.h>
+
+namespace bench {
+
+namespace {
+
+constexpr std::int64_t turns = 2000;
+constexpr std::int64_t crowdSize = 1'000'000;
+constexpr std::int64_t fewRuns = 200'000;
+constexpr std::int64_t criticalTasks = 1000;
+constexpr std::int64_t criticalDrains = 2;
+
+// ------------------------------------------------------------------------------------------- turn
+
+// Runs so many times, one run a turn.
+class AgainTask final : public Quarn::Task {
+ public:
+   AgainTask()
+         : Task( Quarn::schedulerRootQuarn(), Quarn::TaskPriority::normal, "BenchAgainTask" ) {}
+
+   Time run( std::int64_t runs ) {
+      left_ = runs;
+      scheduleTask();
+      return timed( [] { Quarn::doLeEventLoop(); } );
+   }
+
+ private:
+   void taskExecute() override {
+      if( --left_ != 0 ) {
+         scheduleTask();
+      }
+   }
+
+   std::int64_t left_ = 0;
+};
+
+// Counts without locked instructions, as a program on one thread asks for, while it lives.
+class SingleThreadMode {
+ public:
+   SingleThreadMode() { Quarn::ThreadControl::threadSafePointerIs( false ); }
+   ~SingleThreadMode() { Quarn::ThreadControl::threadSafePointerIs( true ); }
+   SingleThreadMode( const SingleThreadMode& ) = delete;
+   SingleThreadMode& operator=( const SingleThreadMode& ) = delete;
+};
+
+class TurnSides final : public Sides {
+ public:
+   explicit TurnSides( bool singleThread ) : singleThread_( singleThread ) {}
+
+   Time ours() override {
+      if( singleThread_ ) {
+         const SingleThreadMode mode;
+         return task_->run( turns );
+      }
+      return task_->run( turns );
+   }
+   Time floor() override { return bare_.run( turns ); }
+
+ private:
+   bool singleThread_;
+   std::shared_ptr<AgainTask> task_ = std::make_shared<AgainTask>();
+   BareTurn bare_;
+};
+
+// -------------------------------------------------------------------------------------- many tasks
+
+// Tasks of one root that are all queued, always. Suspending the root is what ends the loop: it then
+// has no callback to wait for, and the tasks stay queued for the next round.
+class Crowd {
+ public:
+   explicit Crowd( std::int64_t size )
+         : root_( Quarn::schedulerRootQuarnNonShared( "BenchCrowdRoot" ) ) {
+      root_->suspendedIs( true );
+      members_.reserve( static_cast<std::size_t>( size ) );
+      for( std::int64_t i = 0; i < size; ++i ) {
+         members_.push_back( std::make_shared<Member>( *this ) );
+      }
+      for( const auto& member : members_ ) {
+         member->scheduleTask();
+      }
+   }
+
+   Time run( std::int64_t runs ) {
+      left_ = runs;
+      root_->suspendedIs( false );
+      return timed( [] { Quarn::doLeEventLoop(); } );
+   }
+
+ private:
+   class Member final : public Quarn::Task {
+    public:
+      explicit Member( Crowd& crowd )
+            : Task( crowd.root_, Quarn::TaskPriority::normal, "BenchCrowdMemberTask" ),
+              crowd_( crowd ) {}
+
+    private:
+      void taskExecute() override {
+         scheduleTask();
+         if( --crowd_.left_ == 0 ) {
+            crowd_.root_->suspendedIs( true );
+         }
+      }
+
+      Crowd& crowd_;
+   };
+
+   std::shared_ptr<Quarn::TaskSchedulerRoot> root_;
+   std::vector<std::shared_ptr<Member>> members_;
+   std::int64_t left_ = 0;
+};
+
+class CrowdSides final : public Sides {
+ public:
+   Time ours() override { return many_.run( crowdSize ); }
+   Time floor() override { return few_.run( fewRuns ); }
+
+ private:
+   Crowd many_{ crowdSize };
+   Crowd few_{ 10 };
+};
+
+// ----------------------------------------------------------------------------------- critical
+// tasks
+
+class IdleTask final : public Quarn::Task {
+ public:
+   IdleTask( Quarn::TaskPriority priority, Quarn::String name )
+         : Task( Quarn::schedulerRootQuarn(), priority, std::move( name ) ) {}
+
+ private:
+   void taskExecute() override {}
+};
+
+class CriticalSides final : public Sides {
+ public:
+   CriticalSides() {
+      for( std::int64_t i = 0; i < criticalTasks; ++i ) {
+         tasks_.push_back( std::make_shared<IdleTask>( Quarn::TaskPriority::critical,
+                                                       "BenchCriticalTestTask" ) );
+      }
+   }
+
+   Time ours() override {
+      Time total{};
+      for( std::int64_t drain = 0; drain < criticalDrains; ++drain ) {
+         for( const auto& task : tasks_ ) {
+            task->scheduleTask();
+         }
+         total += timed( [ this ] { root_->runCriticalPriorityTasks(); } );
+         // The callback that was asked for finds the root idle.
+         Quarn::doLeEventLoop();
+      }
+      return total;
+   }
+   Time floor() override { return bare_.run( turns ); }
+
+ private:
+   std::shared_ptr<Quarn::TaskSchedulerRoot> root_ = Quarn::schedulerRootQuarn();
+   std::vector<std::shared_ptr<IdleTask>> tasks_;
+   BareTurn bare_;
+};
+
+// ------------------------------------------------------------------------------------ without a
+// loop
+
+class PickRunSides final : public Sides {
+ public:
+   Time ours() override {
+      const Time time = timed( [ this ] {
+         for( std::int64_t run = 0; run < turns; ++run ) {
+            task_->scheduleTask();
+            root_->handleSchedulerRun();
+         }
+      } );
+      Quarn::doLeEventLoop();
+      return time;
+   }
+   Time floor() override { return bare_.run( turns ); }
+
+ private:
+   std::shared_ptr<Quarn::TaskSchedulerRoot> root_ = Quarn::schedulerRootQuarn();
+   std::shared_ptr<IdleTask> task_ =
+         std::make_shared<IdleTask>( Quarn::TaskPriority::normal, "BenchPickRunTask" );
+   BareTurn bare_;
+};
+
+} // namespace
+
+void taskFigures( std::vector<Figure>& figures ) {
+   figures.push_back( { "turn", 1.55, turns, turns,
+                        [] { return std::make_unique<TurnSides>( false ); }, manySlices } );
+   figures.push_back(
+         { "turn_1m", 1.15, crowdSize, fewRuns, [] { return std::make_unique<CrowdSides>(); } } );
+   figures.push_back( { "critical_drain", 0.55, criticalTasks * criticalDrains, turns,
+                        [] { return std::make_unique<CriticalSides>(); }, manySlices } );
+   figures.push_back( { "turn_single_thread", std::nullopt, turns, turns,
+                        [] { return std::make_unique<TurnSides>( true ); }, manySlices } );
+   figures.push_back( { "schedule_pick_run", std::nullopt, turns, turns,
+                        [] { return std::make_unique<PickRunSides>(); }, manySlices } );
+}
+
+} // namespace bench
