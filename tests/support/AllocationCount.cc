@@ -4,14 +4,6 @@
 #include <cstdlib>
 #include <new>
 
-#if defined( __has_feature )
-#if __has_feature( address_sanitizer ) || __has_feature( thread_sanitizer )
-#define OWN_ALLOCATOR 1
-#endif
-#elif defined( __SANITIZE_ADDRESS__ ) || defined( __SANITIZE_THREAD__ )
-#define OWN_ALLOCATOR 1
-#endif
-
 namespace {
 
 constinit std::atomic<std::uint64_t> count{ 0 };

@@ -7,6 +7,15 @@
 
 #include <cstdint>
 
+// Defined in a build whose sanitizer has an allocator of its own.
+#if defined( __has_feature )
+#if __has_feature( address_sanitizer ) || __has_feature( thread_sanitizer )
+#define OWN_ALLOCATOR 1
+#endif
+#elif defined( __SANITIZE_ADDRESS__ ) || defined( __SANITIZE_THREAD__ )
+#define OWN_ALLOCATOR 1
+#endif
+
 namespace testing_support {
 
 // Allocations of all threads since the start.
