@@ -4,37 +4,43 @@
 
 namespace Quarn {
 
-// Tells a callback whether its control was destroyed by the handler it called.
+// Tells a callback whether its control was destroyed by the handler it called. Calls may nest: a
+// handler can bring its own control to call it again.
 class ControlLife {
  public:
+   class Watch {
+    public:
+      explicit Watch( ControlLife& life ) : life_( &life ), outer_( life.watch_ ) { _enter(); }
+      ~Watch() {
+         if( life_ ) {
+            life_->watch_ = outer_;
+         }
+      }
+      Watch( const Watch& ) = delete;
+      Watch& operator=( const Watch& ) = delete;
+      bool alive() const { return life_ != nullptr; }
+
+    private:
+      friend class ControlLife;
+
+      // Out of line, or gcc 12 takes the address that is stored for one that is left behind.
+      [[gnu::noinline]] void _enter() { life_->watch_ = this; }
+
+      ControlLife* life_;
+      Watch* outer_;
+   };
+
    ControlLife() = default;
    ~ControlLife() {
-      if( alive_ ) {
-         *alive_ = false;
+      for( Watch* watch = watch_; watch; watch = watch->outer_ ) {
+         watch->life_ = nullptr;
       }
    }
    ControlLife( const ControlLife& ) = delete;
    ControlLife& operator=( const ControlLife& ) = delete;
 
-   class Watch {
-    public:
-      explicit Watch( ControlLife& life ) : life_( life ) { life_.alive_ = &alive_; }
-      ~Watch() {
-         if( alive_ ) {
-            life_.alive_ = nullptr;
-         }
-      }
-      Watch( const Watch& ) = delete;
-      Watch& operator=( const Watch& ) = delete;
-      bool alive() const { return alive_; }
-
-    private:
-      ControlLife& life_;
-      bool alive_ = true;
-   };
-
  private:
-   bool* alive_ = nullptr;
+   Watch* watch_ = nullptr;
 };
 
 } // namespace Quarn

@@ -7,8 +7,10 @@
 
 #include <event2/thread.h>
 
+#include <atomic>
 #include <memory>
 
+#include <pthread.h>
 #include <unistd.h>
 
 namespace Quarn {
@@ -27,7 +29,10 @@ thread_local std::exception_ptr escaped;
 
 // libevent may call with the lock of a base held. The thread gives its base up before an assertion
 // unwinds through such a frame, so that no destructor on the way asks for that lock again.
-void abandonBase() { threadBase.base = nullptr; }
+void abandonBase() {
+   threadBase.base = nullptr;
+   threadBase.freedAtThreadEnd = false;
+}
 
 unsigned short levelOfSeverity( int severity, char const* message ) {
    switch( severity ) {
@@ -74,22 +79,43 @@ void freeBase() {
    event_base_free( base );
 }
 
+// Set once the holder below is gone.
+constinit thread_local bool threadEnded = false;
+
+void freeBaseOfThread() noexcept {
+   if( threadBase.base && threadBase.freedAtThreadEnd ) {
+      try {
+         freeBase();
+      } catch( ... ) {
+         // A child whose base cannot be set up again: leaking it spares the parent's.
+         threadBase.base = nullptr;
+      }
+   }
+}
+
 // Frees the base of a thread that ends. Controls destroyed after it find no base and leave libevent
 // alone.
 struct ThreadEnd {
    bool armed = false;
    ~ThreadEnd() {
-      if( threadBase.base && threadBase.freedAtThreadEnd ) {
-         try {
-            freeBase();
-         } catch( ... ) {
-            // A child whose base cannot be set up again: leaking it spares the parent's.
-            threadBase.base = nullptr;
-         }
-      }
+      threadEnded = true;
+      freeBaseOfThread();
    }
 };
 thread_local ThreadEnd threadEnd;
+
+// For a base that is made later still, by the destructor of another thread-local: values of keys
+// are destroyed after all of those.
+void freeBaseWithLateKey() {
+   static const pthread_key_t key = [] {
+      pthread_key_t made;
+      if( const int error = pthread_key_create( &made, []( void* ) { freeBaseOfThread(); } ) ) {
+         QUARN_FAIL( "Quarn", "pthread_key_create() failed: {}", error );
+      }
+      return made;
+   }();
+   pthread_setspecific( key, &threadBase );
+}
 
 } // namespace
 
@@ -141,6 +167,10 @@ void leRegisterBase( event_base* base ) {
                   "Tried to register a base:{} but a thread_local  base already exists: {}",
                   fmt::ptr( base ), fmt::ptr( threadBase.base ) );
    }
+   if( !threadBase.base ) {
+      static constinit std::atomic<std::uint64_t> generations{ 0 };
+      threadBase.generation = generations.fetch_add( 1, std::memory_order_relaxed ) + 1;
+   }
    threadBase.base = base;
    threadBase.pid = getpid();
    setMainThread();
@@ -152,13 +182,20 @@ void leInit() {
    }
    leRegisterBase( leCreateBase() );
    threadBase.freedAtThreadEnd = true;
-   // Touching the object is what has it destroyed at the end of the thread.
-   Platform::threadEnd.armed = true;
+   if( Platform::threadEnded ) {
+      Platform::freeBaseWithLateKey();
+   } else {
+      // Touching the object is what has it destroyed at the end of the thread.
+      Platform::threadEnd.armed = true;
+   }
 }
 
 bool leInitialized() { return threadBase.base != nullptr; }
 
 void leFree() {
+   if( threadBase.loopRunning ) {
+      QUARN_FAIL( "Quarn", "event base freed while its loop runs" );
+   }
    if( threadBase.base ) {
       Platform::freeBase();
    }

@@ -5,6 +5,7 @@
 #include <event2/event.h>
 #include <event2/event_struct.h>
 
+#include <cstdint>
 #include <exception>
 
 #include <sys/types.h>
@@ -20,16 +21,19 @@ struct ThreadBase {
    bool freedAtThreadEnd = false;
    // Whether one of our loop functions is on this thread's stack.
    bool loopRunning = false;
+   // Different for every base that was ever registered, so that a new base at the address of a
+   // freed one is not taken for it; 0 is no base.
+   std::uint64_t generation = 0;
 };
 
 // Constant-initialised and read on every event, hence the direct access model.
 extern constinit thread_local ThreadBase threadBase
       __attribute__( ( tls_model( "initial-exec" ) ) );
 
-// Whether `ev` is assigned to the thread's current base. An event of a base that was freed must not
-// be handed to libevent, which would touch the freed base.
-inline bool onCurrentBase( const event& ev ) {
-   return threadBase.base && ev.ev_base == threadBase.base;
+// Whether events that were assigned under `generation` are on the thread's current base. An event
+// of a base that was freed must not be handed to libevent, which would touch the freed base.
+inline bool onCurrentBase( std::uint64_t generation ) {
+   return threadBase.base && generation == threadBase.generation;
 }
 
 // In the child of a fork, sets the base up again before anything touches descriptors: the watch

@@ -70,7 +70,7 @@ class EvLoopBreak {
    }
 
    ~EvLoopBreak() {
-      if( Platform::onCurrentBase( event_ ) ) {
+      if( Platform::onCurrentBase( generation_ ) ) {
          QUARN_TRACE( libeventHandler, 8, nullptr, "~EvLoopBreak" );
          event_del( &event_ );
       }
@@ -92,6 +92,7 @@ class EvLoopBreak {
    }
 
    event event_;
+   const std::uint64_t generation_ = threadBase.generation;
    bool due_ = false;
 };
 

@@ -13,6 +13,8 @@
 #include <cmath>
 #include <limits>
 
+#include <cxxabi.h>
+
 #include <fcntl.h>
 #include <sys/time.h>
 
@@ -35,11 +37,16 @@ void callHandler( ControlLife& life, Call call, Ask ask ) {
    try {
       try {
          call();
+      } catch( const abi::__forced_unwind& ) {
+         throw;
       } catch( ... ) {
          if( !watch.alive() || !ask() ) {
             throw;
          }
       }
+   } catch( const abi::__forced_unwind& ) {
+      // The end of the thread, which nothing may hold up.
+      throw;
    } catch( ... ) {
       Platform::escapeFromCallback();
    }
@@ -65,9 +72,17 @@ void assign( event& ev, int fd, short flags, event_callback_fn callback, void* a
 
 LibeventFdControl::LibeventFdControl( Platform::FdEventHandler* handler ) : handler_( handler ) {
    requireHandler( handler, "LibeventFdControl" );
+   _bind();
+}
+
+void LibeventFdControl::_bind() {
    leInit();
-   assign( readEvent_, -1, 0, nullptr, nullptr, Platform::EventPriority::eventPriorityDefault );
-   assign( writeEvent_, -1, 0, nullptr, nullptr, Platform::EventPriority::eventPriorityDefault );
+   if( !onCurrentBase( generation_ ) ) {
+      assign( readEvent_, -1, 0, nullptr, nullptr, Platform::EventPriority::eventPriorityDefault );
+      assign( writeEvent_, -1, 0, nullptr, nullptr, Platform::EventPriority::eventPriorityDefault );
+      generation_ = threadBase.generation;
+   }
+   Platform::baseAfterFork();
 }
 
 LibeventFdControl::~LibeventFdControl() {
@@ -93,8 +108,7 @@ void LibeventFdControl::setFd( int fd ) {
       _deleteEvents();
       QUARN_FAIL( "LibeventFdControl", "result == 0" );
    }
-   leInit();
-   Platform::baseAfterFork();
+   _bind();
    if( watchReads_ ) {
       _armRead();
    }
@@ -108,11 +122,10 @@ void LibeventFdControl::setReads( bool watch ) {
    if( fd_ < 0 ) {
       return;
    }
-   leInit();
-   Platform::baseAfterFork();
+   _bind();
    if( watch ) {
       _armRead();
-   } else if( onCurrentBase( readEvent_ ) ) {
+   } else {
       event_del( &readEvent_ );
    }
 }
@@ -122,11 +135,10 @@ void LibeventFdControl::setWrites( bool watch ) {
    if( fd_ < 0 ) {
       return;
    }
-   leInit();
-   Platform::baseAfterFork();
+   _bind();
    if( watch ) {
       _armWrite();
-   } else if( onCurrentBase( writeEvent_ ) ) {
+   } else {
       event_del( &writeEvent_ );
    }
 }
@@ -142,18 +154,14 @@ void LibeventFdControl::clearEvents() { _deleteEvents(); }
 
 void LibeventFdControl::_deleteEvents() {
    Platform::baseAfterFork();
-   if( onCurrentBase( readEvent_ ) ) {
+   if( onCurrentBase( generation_ ) ) {
       event_del( &readEvent_ );
-   }
-   if( onCurrentBase( writeEvent_ ) ) {
       event_del( &writeEvent_ );
    }
 }
 
 void LibeventFdControl::_armRead() {
-   if( onCurrentBase( readEvent_ ) ) {
-      event_del( &readEvent_ );
-   }
+   event_del( &readEvent_ );
    assign( readEvent_, fd_, EV_READ | EV_PERSIST, &LibeventFdControl::readable, this,
            Platform::EventPriority::eventPriorityDefault );
    if( event_add( &readEvent_, nullptr ) == 0 ) {
@@ -170,9 +178,7 @@ void LibeventFdControl::_armRead() {
 }
 
 void LibeventFdControl::_armWrite() {
-   if( onCurrentBase( writeEvent_ ) ) {
-      event_del( &writeEvent_ );
-   }
+   event_del( &writeEvent_ );
    // Not persistent: one writable notification, then the owner asks again.
    assign( writeEvent_, fd_, EV_WRITE, &LibeventFdControl::writable, this,
            Platform::EventPriority::eventPriorityDefault );
@@ -224,7 +230,7 @@ LibeventTimerControl::LibeventTimerControl( Platform::TimeoutHandler* handler,
 }
 
 LibeventTimerControl::~LibeventTimerControl() {
-   if( onCurrentBase( event_ ) ) {
+   if( onCurrentBase( generation_ ) ) {
       event_del( &event_ );
    }
 }
@@ -232,6 +238,7 @@ LibeventTimerControl::~LibeventTimerControl() {
 void LibeventTimerControl::_assign() {
    pending_ = false;
    assign( event_, -1, 0, trampoline_, this, priority_ );
+   generation_ = threadBase.generation;
 }
 
 void LibeventTimerControl::setTimeout( double seconds ) {
@@ -241,7 +248,7 @@ void LibeventTimerControl::setTimeout( double seconds ) {
    }
    const timeval delay = Platform::secondsToTimeval( seconds );
    const bool atOnce = delay.tv_sec == 0 && delay.tv_usec == 0;
-   if( atOnce && pending_ && pendingAtOnce_ && onCurrentBase( event_ ) ) {
+   if( atOnce && pending_ && pendingAtOnce_ && onCurrentBase( generation_ ) ) {
       // Due already, so moving it to now changes nothing; requests for a callback come in numbers.
       _traceDel();
       _traceSet( seconds );
@@ -251,7 +258,7 @@ void LibeventTimerControl::setTimeout( double seconds ) {
    _traceSet( seconds );
    leInit();
    // An idle event that is already assigned to this base is as good as a fresh one.
-   if( event_.ev_base != threadBase.base ) {
+   if( !onCurrentBase( generation_ ) ) {
       _assign();
    }
    if( event_add( &event_, &delay ) != 0 ) {
@@ -273,7 +280,7 @@ void LibeventTimerControl::_traceDel() const {
 
 void LibeventTimerControl::delTimeout() {
    _traceDel();
-   if( pending_ && onCurrentBase( event_ ) ) {
+   if( pending_ && onCurrentBase( generation_ ) ) {
       event_del( &event_ );
    }
    pending_ = false;
@@ -281,7 +288,7 @@ void LibeventTimerControl::delTimeout() {
 
 double LibeventTimerControl::remainingTimeout() const {
    timeval expiry{};
-   if( !onCurrentBase( event_ ) || !event_pending( &event_, EV_TIMEOUT, &expiry ) ) {
+   if( !onCurrentBase( generation_ ) || !event_pending( &event_, EV_TIMEOUT, &expiry ) ) {
       return std::numeric_limits<double>::infinity();
    }
    timeval now{};

@@ -15,7 +15,7 @@
 
 namespace Quarn {
 
-class LibeventFdControl final : public Platform::FdControl {
+class LibeventFdControl : public Platform::FdControl {
  public:
    explicit LibeventFdControl( Platform::FdEventHandler* handler );
    ~LibeventFdControl() override;
@@ -32,6 +32,7 @@ class LibeventFdControl final : public Platform::FdControl {
    static void writable( evutil_socket_t, short, void* control );
    template<void ( Platform::FdEventHandler::*notification )( int )>
    void _notify();
+   void _bind();
    void _deleteEvents();
    void _armRead();
    void _armWrite();
@@ -42,6 +43,8 @@ class LibeventFdControl final : public Platform::FdControl {
    bool watchWrites_ = false;
    event readEvent_;
    event writeEvent_;
+   // Of the base that both are assigned to.
+   std::uint64_t generation_ = 0;
    ControlLife life_;
 };
 
@@ -77,6 +80,8 @@ class LibeventTimerControl : public Platform::TimerControl {
    // Whether it was added without delay; asking for that again changes nothing.
    bool pendingAtOnce_ = false;
    event event_;
+   // Of the base that it is assigned to.
+   std::uint64_t generation_ = 0;
    ControlLife life_;
 };
 

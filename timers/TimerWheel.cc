@@ -284,6 +284,15 @@ unsigned long TimerWheel::_processExpiredTimers() {
 void TimerWheel::setMasterTimer() {
    const double now = time();
    _setCurrentTime( now );
+   // A timer of a tick that has come waits on the wheel's own list, where a bucket that waits for a
+   // later time would hide it.
+   if( !timersExpiryingSoon_.empty() && timeouts_expired( wheel_ ) ) {
+      try {
+         _collect();
+      } catch( const std::bad_alloc& ) {
+         QUARN_TRACE( timerWheelHandler, 1, "TimerWheel", "no memory, timers collected later" );
+      }
+   }
    const auto first = std::find_if( timersExpiryingSoon_.begin(), timersExpiryingSoon_.end(),
                                     []( const auto& bucket ) { return !bucket.second.empty(); } );
    if( first != timersExpiryingSoon_.end() && std::isfinite( first->first ) ) {
@@ -338,26 +347,13 @@ void TimerWheel::timeout() {
    } catch( ... ) {
       // A stale master expiry would stop the wheel for good.
       if( !pass.wheelGone() ) {
-         _rearm();
+         setMasterTimer();
       }
       throw;
    }
    if( !pass.wheelGone() ) {
-      _rearm();
+      setMasterTimer();
    }
-}
-
-void TimerWheel::_rearm() {
-   // A timer started during delivery, for a tick that has come, waits on the wheel's own list,
-   // where a bucket that waits for a later time would hide it.
-   if( !timersExpiryingSoon_.empty() && timeouts_expired( wheel_ ) ) {
-      try {
-         _collect();
-      } catch( const std::bad_alloc& ) {
-         QUARN_TRACE( timerWheelHandler, 1, "TimerWheel", "no memory, timers collected later" );
-      }
-   }
-   setMasterTimer();
 }
 
 unsigned long processExpiredTimersForTaskScheduler( const std::shared_ptr<TimerWheel>& wheel ) {

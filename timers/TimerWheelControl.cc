@@ -9,6 +9,8 @@
 #include "platform/ControlLife.h"
 #include "util/ThreadSlot.h"
 
+#include <cxxabi.h>
+
 namespace Quarn {
 
 namespace {
@@ -34,6 +36,8 @@ class TimerWheelTimerControl final : public Platform::TimerControl, public Timer
       ControlLife::Watch watch( life_ );
       try {
          handler->timeout();
+      } catch( const abi::__forced_unwind& ) {
+         throw;
       } catch( ... ) {
          // With the control gone the handler may be gone too, and is not asked.
          if( !watch.alive() || !handler->handleTimeoutException() ) {

@@ -42,10 +42,16 @@ TimerWheelEvent::~TimerWheelEvent() {
 }
 
 void TimerWheelEvent::setTimeout( const std::shared_ptr<TimerWheel>& wheel, double delay ) {
+   if( !wheel ) {
+      QUARN_FAIL( "TimerWheelEvent", "wheel is null" );
+   }
    wheel->timerStart( this, delay );
 }
 
 void TimerWheelEvent::delTimeout( const std::shared_ptr<TimerWheel>& wheel ) {
+   if( !wheel ) {
+      QUARN_FAIL( "TimerWheelEvent", "wheel is null" );
+   }
    wheel->timerStop( this );
 }
 
@@ -75,6 +81,10 @@ TimerWheelState TimerWheelEvent::state() const {
 }
 
 void TimerWheelEvent::stateIs( TimerWheelState newState ) {
+   const auto index = static_cast<unsigned>( newState );
+   if( index >= std::size( stateBits ) ) {
+      QUARN_FAIL( "TimerWheelEvent", "invalid state {}", index );
+   }
    const TimerWheelState oldState = state();
    if( newState == oldState ) {
       return;
@@ -82,10 +92,6 @@ void TimerWheelEvent::stateIs( TimerWheelState newState ) {
    if( newState != TimerWheelState::notLinked && oldState != TimerWheelState::notLinked ) {
       QUARN_FAIL( "TimerWheelEvent", "State change {} -> {} must go via {}", oldState, newState,
                   TimerWheelState::notLinked );
-   }
-   const auto index = static_cast<unsigned>( newState );
-   if( index >= std::size( stateBits ) ) {
-      QUARN_FAIL( "TimerWheelEvent", "invalid state {}", index );
    }
    flags = ( flags & ~stateMask ) | stateBits[ index ];
 }

@@ -3,12 +3,12 @@
 #include <algorithm>
 #include <array>
 #include <bit>
-#include <cassert>
 #include <cerrno>
 #include <cinttypes>
 #include <cstdarg>
 #include <cstddef>
 #include <cstdio>
+#include <cstdlib>
 #include <new>
 
 // The wheel is eleven levels of slots, one level for each group of six bits of a tick. A waiting
@@ -167,7 +167,11 @@ void remove( timeouts& wheel, timeout* record ) {
    unlink( record );
    if( list->empty() && list != &wheel.expired_ ) {
       std::ptrdiff_t index = list - wheel.wheel_.data();
-      assert( index >= 0 && index < std::ptrdiff_t( slots ) );
+      if( index < 0 || index >= std::ptrdiff_t( slots ) ) [[unlikely]] {
+         // Going on would write past this wheel.
+         std::fputs( "timeout: the record is linked into another wheel\n", stderr );
+         std::abort();
+      }
       markUnused( wheel, unsigned( index ) / 64, bit( unsigned( index ) % 64 ) );
    }
 }

@@ -537,6 +537,35 @@ TEST( EventBaseTest, ControlsOutliveTheirBaseAndMoveToTheNext ) {
    EXPECT_EQ( fds.reads, 1 );
 }
 
+TEST( EventBaseTest, NewBaseAtTheAddressOfTheOldOneIsNotTakenForIt ) {
+   Timeouts timeouts;
+   Callbacks callbacks;
+   Fds fds;
+   Pipe pipe;
+   const auto timer = getTimerControl( &timeouts );
+   const auto callback = getCallbackControl( &callbacks );
+   const auto fd = getFdControl( &fds );
+   fd->setReads( false );
+   fd->setFd( pipe.ends[ 1 ] );
+   for( int n = 1; n <= 20; ++n ) {
+      timer->setTimeout( 0 );
+      callback->requestCallback();
+      fd->setWrites( true );
+      leFree();
+      leInit();
+      timer->setTimeout( 0 );
+      callback->requestCallback();
+      fd->setWrites( true );
+      eventLoopTimeout( 0 );
+      ASSERT_EQ( timeouts.fired, n );
+      ASSERT_EQ( callbacks.called, n );
+      ASSERT_EQ( fds.writes, n );
+   }
+   timeouts.on = [] { leFree(); };
+   timer->setTimeout( 0 );
+   EXPECT_FATAL( doLeEventLoop(), "event base freed while its loop runs" );
+}
+
 TEST( EventBaseTest, ForkedChildLeavesTheParentsWatchesAlone ) {
    Fds handler;
    Pipe pipe;
@@ -608,6 +637,7 @@ TEST( EventBaseTest, FatalErrorOfLibeventIsAnAssertion ) {
    // Too late for it, which libevent takes for fatal.
    EXPECT_FATAL( event_enable_debug_mode(), "libevent fatal error:1" );
    EXPECT_FALSE( leInitialized() ) << "the base is abandoned: its lock may be held";
+   event_base_free( base ); // it is not, this time
 }
 
 TEST( EventBaseTest, FrameworkModeIsRefusedClearly ) {

@@ -43,6 +43,10 @@ class Event : public TimerWheelEvent {
 // A wheel under a clock that the test moves.
 class TimerWheelTest : public testing::Test {
  protected:
+   static void startOnNothing() {
+      Event event;
+      event.setTimeout( nullptr, 1 );
+   }
    bool check( std::vector<TimerWheelEvent*> events ) { return wheel->checkForTest( events ); }
 
    ManualTimerClock clock;
@@ -141,6 +145,8 @@ TEST_F( TimerWheelTest, EarlierTimerIsNotHeldUpByABucketThatWaits ) {
    wheel->timerStart( &shorter, 0.002 );
    EXPECT_EQ( wheel->masterExpiryForTest(), shorter.expirationTime() );
    EXPECT_TRUE( check( { &waiting, &shorter } ) );
+   wheel->setMasterTimer();
+   EXPECT_EQ( wheel->masterExpiryForTest(), shorter.expirationTime() );
    clock.set( shorter.expirationTime() );
    wheel->timeout();
    EXPECT_EQ( shorter.fired, 1 );
@@ -342,6 +348,25 @@ TEST_F( TimerWheelTest, ControlsOnAWheel ) {
    handler.swallow = true;
    fire();
    EXPECT_EQ( handler.fired, 3 );
+   // A nested delivery that destroys the control is seen by the outer one.
+   struct Nested : Platform::TimeoutHandler {
+      std::function<void()> on;
+      void timeout() override { on(); }
+   } nested;
+   auto brief = Platform::getTimerControl( &nested, wheel );
+   int depth = 0;
+   nested.on = [ & ] {
+      if( ++depth == 1 ) {
+         brief->setTimeout( 0 );
+         wheel->_processExpiredTimers();
+         throw std::runtime_error( "outer" );
+      }
+      brief.reset();
+   };
+   brief->setTimeout( 0 );
+   EXPECT_THROW( wheel->timeout(), std::runtime_error );
+   EXPECT_EQ( depth, 2 );
+   EXPECT_FATAL( TimerWheelTest::startOnNothing(), "wheel is null" );
    // The control holds the wheel.
    std::weak_ptr<TimerWheel> weak = wheel;
    wheel.reset();
@@ -484,7 +509,10 @@ TEST_P( TimerWheelModel, AgreesWithASortedMap ) {
 
    for( int step = 0; step < 4000; ++step ) {
       Timer& timer = timers[ pick( 24 ) ];
-      switch( pick( 10 ) ) {
+      switch( pick( 11 ) ) {
+      case 10:
+         wheel->setMasterTimer();
+         break;
       case 0:
       case 1:
       case 2:

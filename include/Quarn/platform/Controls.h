@@ -22,7 +22,8 @@ class ORUQUARN_API FdControl {
    // Read readiness is reported for as long as it lasts.
    virtual void setReads( bool watch ) = 0;
 
-   // Write readiness is reported once for each `setWrites( true )`.
+   // Write readiness is reported once for each `setWrites( true )`, and once more for a descriptor
+   // that is set while the flag stands.
    virtual void setWrites( bool watch ) = 0;
 
    // Watches `fd` from now on and makes it non-blocking. A descriptor that cannot be polled, such
@@ -55,6 +56,7 @@ class ORUQUARN_API TimerControl {
    // Errors: fatal on NaN ("invalid timeout ...").
    virtual void setTimeout( double seconds ) = 0;
 
+   // Disarms; does nothing to a timer that is not armed.
    virtual void delTimeout() = 0;
 
    // Seconds until the timer fires: 0 when overdue, +infinity when it is not armed. For showing
@@ -70,7 +72,10 @@ class ORUQUARN_API CallbackControl {
    // Calls the handler once, in a later turn of the loop. Requests before that turn are one.
    // Callbacks of different controls run in no promised order.
    virtual void requestCallback() = 0;
+   // Takes the request back.
    virtual void cancelCallback() = 0;
+
+   // Whether a request waits for its turn.
    virtual bool pendingCallback() const = 0;
 };
 

@@ -33,7 +33,10 @@ ORUQUARN_API void leInit();
 ORUQUARN_API bool leInitialized();
 
 // Frees the thread's base, if any. Controls that live on are disarmed and may be armed again, on
-// the thread's next base.
+// the thread's next base. Free it when the thread's root and wheels have nothing to do: a wake-up
+// that they have asked for goes with the base, and they do not ask again.
+//
+// Errors: fatal while the base's loop runs.
 ORUQUARN_API void leFree();
 
 // Makes the thread's base usable in the child of a fork, or makes one when there is none. A child

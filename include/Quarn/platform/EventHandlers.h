@@ -3,7 +3,9 @@
 // A handler is called on the thread that runs the event loop. It may destroy the control that calls
 // it, and itself with it. An exception that escapes is offered to the handler's hook; when the hook
 // returns true it is dropped, otherwise it leaves the loop function that runs (`doLeEventLoop` and
-// its kin), after which the loop may be run again and serves what is left.
+// its kin), after which the loop may be run again and serves what is left. A program that
+// dispatches the base by itself gets the exception through libevent's frames; that base is then
+// only good for freeing.
 
 #pragma once
 
@@ -14,6 +16,7 @@ namespace Quarn::Platform {
 class ORUQUARN_API FdEventHandler {
  public:
    virtual ~FdEventHandler();
+   // The descriptor has become readable, or writable, or its peer has gone.
    virtual void readFdEvent( int fd ) = 0;
    virtual void writeFdEvent( int fd ) = 0;
    // Whether the exception in flight is dealt with. By default it is not.
@@ -23,6 +26,7 @@ class ORUQUARN_API FdEventHandler {
 class ORUQUARN_API TimeoutHandler {
  public:
    virtual ~TimeoutHandler();
+   // The time has come; the timer is no longer armed.
    virtual void timeout() = 0;
    // Whether the exception in flight is dealt with. By default it is not.
    virtual bool handleTimeoutException();
@@ -31,6 +35,7 @@ class ORUQUARN_API TimeoutHandler {
 class ORUQUARN_API CallbackHandler {
  public:
    virtual ~CallbackHandler();
+   // The callback that was asked for.
    virtual void callback() = 0;
    // Whether the exception in flight is dealt with. By default it is not.
    virtual bool handleCallbackException();

@@ -13,8 +13,10 @@ namespace Quarn::Platform {
 
 // Every base is made with exactly these two priorities, so the value is libevent's.
 enum class EventPriority : std::uint8_t {
-   eventPriorityStrictHigh = 0, // served before anything else
-   eventPriorityDefault = 1,    // descriptors, callbacks, loop breaks, timers without a priority
+   // Served before anything else: a timer of this priority that restarts itself at once starves the
+   // loop, its breaks included.
+   eventPriorityStrictHigh = 0,
+   eventPriorityDefault = 1, // descriptors, callbacks, loop breaks, timers without a priority
 };
 
 // The name of the value, or "Invalid EventPriority=" and its number.

@@ -102,7 +102,6 @@ class ORUQUARN_API TimerWheel : private Platform::TimeoutHandler {
    void _setCurrentTime( double now );
    void _masterIs( double delay, double expiry );
    void _collect();
-   void _rearm();
    void _bucketAdd( TimerWheelEvent* ev );
    void _bucketErase( Buckets::iterator bucket );
    void _timersExpiryingSoonRemove( TimerWheelEvent* ev );

@@ -46,8 +46,10 @@ class ORUQUARN_API TimerWheelEvent : private ::timeout {
    TimerWheelEvent( const TimerWheelEvent& ) = delete;
    TimerWheelEvent& operator=( const TimerWheelEvent& ) = delete;
 
-   // `TimerWheel::timerStart` and `TimerWheel::timerStop` on `wheel`. An event that runs is stopped
-   // on the wheel on which it was started.
+   // `TimerWheel::timerStart` and `TimerWheel::timerStop` on `wheel`. An event that runs must be
+   // moved and stopped on the wheel on which it was started.
+   //
+   // Errors: fatal when the wheel is null.
    void setTimeout( const std::shared_ptr<TimerWheel>& wheel, double delay );
    void delTimeout( const std::shared_ptr<TimerWheel>& wheel );
 
@@ -57,9 +59,14 @@ class ORUQUARN_API TimerWheelEvent : private ::timeout {
    // When it fires, in seconds on the clock of `Quarn::time()`; +infinity when it does not run.
    double expirationTime() const { return expirationTime_; }
 
+   // Where the event is.
+   //
+   // Errors: fatal when the record's flags were overwritten.
    TimerWheelState state() const;
 
-   // Errors: fatal when both the present and the new state are linked ones.
+   // For the wheel and for tests.
+   //
+   // Errors: fatal for an unknown state, and when both the present and the new one are linked.
    void stateIs( TimerWheelState state );
 
  protected:
