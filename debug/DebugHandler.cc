@@ -23,23 +23,6 @@ DebugHandler::DebugHandler( String name, unsigned short const* levels )
 
 DebugHandler::~DebugHandler() = default;
 
-namespace {
-
-// What stands in a slot after its handler was released.
-class SilentHandler final : public DebugHandler {
- public:
-   SilentHandler() : DebugHandler( "released", nullptr ) {}
-   void enabledIs( unsigned short, bool ) override {}
-   void dump( DebugStream&, unsigned short, char const*, char const*, int ) const override {}
-};
-
-SilentHandler& silentHandler() {
-   static SilentHandler* handler = new SilentHandler;
-   return *handler;
-}
-
-} // namespace
-
 void HandlerSlot::handlerIs( std::shared_ptr<DebugHandler> handler ) {
    const auto* owner = new( owner_ ) std::shared_ptr<DebugHandler>( std::move( handler ) );
    handler_.store( owner->get(), std::memory_order_relaxed );
@@ -47,10 +30,9 @@ void HandlerSlot::handlerIs( std::shared_ptr<DebugHandler> handler ) {
 }
 
 void HandlerSlot::release() {
-   // Readers are sent elsewhere before the memory goes.
+   // The handler itself stays where it is: a detached thread may be in the middle of a trace, and
+   // an assertion may still come.
    levels_.store( &noLevels, std::memory_order_relaxed );
-   handler_.store( &silentHandler(), std::memory_order_relaxed );
-   std::launder( reinterpret_cast<std::shared_ptr<DebugHandler>*>( owner_ ) )->~shared_ptr();
 }
 
 } // namespace Platform

@@ -36,7 +36,7 @@ class HandlerSlot {
    DebugHandler* handler() const { return handler_.load( std::memory_order_relaxed ); }
 
    void handlerIs( std::shared_ptr<DebugHandler> handler );
-   // Drops the handler and leaves one that has nothing enabled and is never destroyed.
+   // From here on nothing is enabled; the handler is never destroyed.
    void release();
 
  private:

@@ -14,7 +14,8 @@ constexpr char sourceFile[] = "TaskSchedulerCpp";
 
 CurrentlyRunningTaskAnchor::CurrentlyRunningTaskAnchor( TaskScheduler& scheduler, TaskImpl& task )
       : scheduler_( scheduler ),
-        task_( &task ) {
+        task_( &task ),
+        magic_( &task.taskMagicNumber_ ) {
    if( scheduler_.currentlyRunningTask_ ) {
       QUARN_STREAM_FAIL( "currentlyRunningTask_ is not NULL " << scheduler_.currentlyRunningTask_ );
    }
@@ -31,7 +32,7 @@ CurrentlyRunningTaskAnchor::~CurrentlyRunningTaskAnchor() {
 void CurrentlyRunningTaskAnchor::_clear() {
    TaskImpl* task = std::exchange( task_, nullptr );
    // A task that was destroyed in its own run has no flag left to clear.
-   if( task->_magic() == TaskImpl::magicConstructed ) {
+   if( *magic_ == TaskImpl::magicConstructed ) {
       task->taskCurrentlyRunning_ = false;
    }
    if( scheduler_.currentlyRunningTask_ != task ) {

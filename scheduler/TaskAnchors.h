@@ -28,6 +28,7 @@ class CurrentlyRunningTaskAnchor {
    // The owner of the run holds the scheduler.
    TaskScheduler& scheduler_;
    TaskImpl* task_;
+   std::uint32_t const volatile* magic_;
    std::shared_ptr<_TaskBase> hold_;
 };
 

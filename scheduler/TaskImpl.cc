@@ -58,24 +58,19 @@ TaskImpl::~TaskImpl() {
    }
    TaskImpl::unscheduleTask();
    scheduler_->taskUnregister( this );
-   _magicIs( magicDestroyed );
-}
-
-// The store of the destructor is to memory that is about to die, so a compiler may drop it unless
-// it is volatile; the check after a run reads it there.
-void TaskImpl::_magicIs( std::uint32_t value ) {
-   *const_cast<std::uint32_t volatile*>( &taskMagicNumber_ ) = value;
-}
-
-std::uint32_t TaskImpl::_magic() const {
-   return *const_cast<std::uint32_t const volatile*>( &taskMagicNumber_ );
+   // The object is about to die, so a compiler may drop this store unless it is volatile; the check
+   // after a run reads it.
+   const_cast<std::uint32_t volatile&>( taskMagicNumber_ ) = magicDestroyed;
 }
 
 TaskSchedulerRoot& TaskImpl::_root() const { return *scheduler_->schedulerRoot(); }
 
 void TaskImpl::_sanityCheck() const { _root().sanityCheckCurrentRunningThread(); }
 
-void TaskImpl::taskStatsNameIs( String name ) { taskStatsName_ = name.deduped(); }
+void TaskImpl::taskStatsNameIs( String name ) {
+   _sanityCheck();
+   taskStatsName_ = name.deduped();
+}
 
 bool TaskImpl::taskScheduled() const {
    _sanityCheck();
@@ -175,6 +170,7 @@ void TaskImpl::_quantumStore( TaskTimeDuration quantum ) {
 }
 
 void TaskImpl::taskQuantumNoCheckIs( TaskTimeDuration quantum ) {
+   _sanityCheck();
    if( quantum == taskQuantum_ ) {
       return;
    }
@@ -185,6 +181,7 @@ void TaskImpl::taskQuantumNoCheckIs( TaskTimeDuration quantum ) {
 }
 
 void TaskImpl::taskQuantumIs( TaskTimeDuration quantum ) {
+   _sanityCheck();
    if( quantum < TaskTimeDuration( 1 ) ) {
       QUARN_STREAM_FAIL( "Quantum: " << quantum );
    }
@@ -194,6 +191,7 @@ void TaskImpl::taskQuantumIs( TaskTimeDuration quantum ) {
 }
 
 void TaskImpl::includeInCompletedTaskIs( bool include ) {
+   _sanityCheck();
    flags_ = static_cast<std::uint8_t>( include ? flags_ | flagIncludeInCompleted
                                                : flags_ & ~flagIncludeInCompleted );
 }

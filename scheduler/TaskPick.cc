@@ -22,7 +22,8 @@ constexpr std::uint32_t weight( TaskPriority priority ) {
 } // namespace
 
 void TaskScheduler::scheduleTaskPrivate( const TaskTimeStamp& now, TaskImpl* task ) {
-   QUARN_TRACE( taskSchedulerHandler, 8, "TaskImpl", "Scheduled {}", taskText( task ) );
+   QUARN_TRACE_AS( taskSchedulerHandler, 8, "TaskImpl", "scheduleTask", "Scheduled {}",
+                   taskText( task ) );
    historyEvent( now, TaskSchedulerEventType::schedule, task );
    task->lastScheduledTime_ = now;
    PerPriority& p = _of( task->priority_ );
@@ -32,6 +33,7 @@ void TaskScheduler::scheduleTaskPrivate( const TaskTimeStamp& now, TaskImpl* tas
 }
 
 void TaskScheduler::unscheduleTask( const TaskTimeStamp& now, TaskImpl* task ) {
+   root_->sanityCheckCurrentRunningThread();
    if( !task->taskRunQueueLink_.linked() ) {
       QUARN_STREAM_FAIL( "Task: " << task << " not on run queue" );
    }
@@ -52,6 +54,14 @@ void TaskScheduler::taskSchedulerUnlinkTask( const TaskTimeStamp& now, TaskPrior
 
 TaskImpl* TaskScheduler::pickOneTask( const TaskTimeStamp& now, TaskPriority from,
                                       TaskPriority to ) {
+   root_->sanityCheckCurrentRunningThread();
+   if( to > TaskPriority::scavenge ) {
+      QUARN_STREAM_FAIL( to.traceText() );
+   }
+   return _pick( now, from, to );
+}
+
+TaskImpl* TaskScheduler::_pick( const TaskTimeStamp& now, TaskPriority from, TaskPriority to ) {
    for( TaskPriority priority = from; priority <= to; ++priority ) {
       PerPriority& p = _of( priority );
       TaskImpl* task = p.pickQueue->front();
@@ -60,7 +70,7 @@ TaskImpl* TaskScheduler::pickOneTask( const TaskTimeStamp& now, TaskPriority fro
          continue;
       }
       if( attemptLowerPriorityBump( priority, p.consecutiveRuns ) ) {
-         if( TaskImpl* bumped = pickOneTask( now, priority.next(), to ) ) {
+         if( TaskImpl* bumped = _pick( now, priority.next(), to ) ) {
             p.consecutiveRuns = 0;
             return bumped;
          }
@@ -95,7 +105,7 @@ bool TaskScheduler::attemptLowerPriorityBump( TaskPriority priority,
 
 std::int64_t TaskScheduler::runnableTaskCount( TaskPriority priority ) const {
    if( priority > TaskPriority::scavenge ) {
-      QUARN_STREAM_FAIL( priority );
+      QUARN_STREAM_FAIL( priority.traceText() );
    }
    const PerPriority& p = _of( priority );
    const auto count = static_cast<std::int64_t>( p.enqueuedCount - p.dequeuedCount );
@@ -115,7 +125,7 @@ std::int64_t TaskScheduler::runnableTaskCount() const {
 
 std::uint64_t TaskScheduler::runTaskCount( TaskPriority priority ) const {
    if( priority > TaskPriority::scavenge ) {
-      QUARN_STREAM_FAIL( priority );
+      QUARN_STREAM_FAIL( priority.traceText() );
    }
    return _of( priority ).dequeuedCount;
 }

@@ -26,7 +26,7 @@ void TaskScheduler::taskRegister( TaskImpl* task ) {
    const TaskTimeStamp now = taskTimeNow();
    const TaskPriority priority = task->taskPriority();
    if( priority > TaskPriority::scavenge ) {
-      QUARN_STREAM_FAIL( priority );
+      QUARN_STREAM_FAIL( priority.traceText() );
    }
    if( priority == TaskPriority::critical ) {
       if( root_ != this ) {

@@ -40,14 +40,15 @@ void TaskImpl::taskDoRun( const TaskTimeStamp& now, TaskTimeStamp* endTime ) {
    if( taskShouldYieldMode_ == TaskShouldYieldMode::virtualTime ) {
       scheduler_->virtualRunStartTime_ = Oru::System::currentTime();
    }
-   // For the message about a task that destroys itself, which has no name any more then.
+   // For the case of a task that destroys itself, which is no object to ask any more then.
    const String name = taskName_;
+   std::uint32_t const volatile& magic = taskMagicNumber_;
    // Counted before the body, so a body that throws still counts as a run.
    ++taskRunCount_;
    taskCurrentlyRunning_ = true;
    taskExecute();
-   if( const std::uint32_t magic = _magic(); magic != magicConstructed ) [[unlikely]] {
-      QUARN_STREAM_FAIL( "Task: " << name << " taskMagicNumber: " << magic
+   if( const std::uint32_t found = magic; found != magicConstructed ) [[unlikely]] {
+      QUARN_STREAM_FAIL( "Task: " << name << " taskMagicNumber: " << found
                                   << " taskMagicNumberConstructed: " << magicConstructed );
    }
    taskCurrentlyRunning_ = false;
@@ -93,15 +94,21 @@ TaskTimeDuration TaskImpl::taskCurrentRunTime() const {
 }
 
 void TaskImpl::taskRunFromTest() {
+   _sanityCheck();
+   // Unscheduling calls the busy hook, which may drop the task.
+   const std::shared_ptr<_TaskBase> self = shared_from_this();
    if( taskRunQueueLink_.linked() ) {
       unscheduleTask();
    }
+   // Outlives the task's own reference.
    const std::shared_ptr<TaskScheduler> scheduler = scheduler_;
    TaskTimeStamp end;
    taskDoRun( taskTimeNow(), &end );
 }
 
 void TaskImpl::taskRunAndRecordFromTest() {
+   _sanityCheck();
+   const std::shared_ptr<_TaskBase> self = shared_from_this();
    if( taskRunQueueLink_.linked() ) {
       unscheduleTask();
    }
@@ -121,6 +128,10 @@ void TaskScheduler::runEntered( const TaskTimeStamp& now ) {
 }
 
 bool TaskScheduler::_handleSchedulerRun( TaskPriority maxPriority ) {
+   root_->sanityCheckCurrentRunningThread();
+   if( maxPriority > TaskPriority::scavenge ) {
+      QUARN_STREAM_FAIL( maxPriority.traceText() );
+   }
    // A task may drop the last outside reference to this scheduler.
    const std::shared_ptr<TaskScheduler> self = shared_from_this();
    return runStep( maxPriority );

@@ -36,6 +36,7 @@ bool TaskScheduler::resetStatsInProgress() const { return false; }
 void TaskScheduler::runCriticalPriorityTasks() { root_->runCriticalPriorityTasks(); }
 
 void TaskScheduler::defaultTaskQuantumIs( TaskTimeDuration quantum ) {
+   root_->sanityCheckCurrentRunningThread();
    defaultTaskQuantum_ = quantum;
 }
 

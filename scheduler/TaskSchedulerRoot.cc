@@ -151,9 +151,15 @@ std::shared_ptr<TaskScheduler> TaskSchedulerRoot::findSchedulerForTest( const St
 
 void TaskSchedulerRoot::taskRegister( TaskImpl* task ) { TaskScheduler::taskRegister( task ); }
 
-void TaskSchedulerRoot::timerRunningInc( const TaskTimeStamp& now ) { timerRunningCountInc( now ); }
+void TaskSchedulerRoot::timerRunningInc( const TaskTimeStamp& now ) {
+   sanityCheckCurrentRunningThread();
+   timerRunningCountInc( now );
+}
 
-void TaskSchedulerRoot::timerRunningDec( const TaskTimeStamp& now ) { timerRunningCountDec( now ); }
+void TaskSchedulerRoot::timerRunningDec( const TaskTimeStamp& now ) {
+   sanityCheckCurrentRunningThread();
+   timerRunningCountDec( now );
+}
 
 void TaskSchedulerRoot::handleTaskForceYieldInTest() {}
 
@@ -162,6 +168,7 @@ void TaskSchedulerRoot::handleVirtualTimeChange() {}
 // ------------------------------------------------------------------------------------------- runs
 
 void TaskSchedulerRoot::requestSchedulerRun() {
+   sanityCheckCurrentRunningThread();
    if( suspended() ) {
       QUARN_TRACE( taskSchedulerHandler, 8, "TaskSchedulerRoot",
                    "{} ignore requestSchedulerRun, scheduler is suspended", schedulerText( this ) );
@@ -173,9 +180,11 @@ void TaskSchedulerRoot::requestSchedulerRun() {
 void TaskSchedulerRoot::callback() { handleSchedulerRun(); }
 
 void TaskSchedulerRoot::handleSchedulerRun() {
-   Platform::releaseDeferred();
+   sanityCheckCurrentRunningThread();
    virtualTimeCheck();
    std::shared_ptr<TaskScheduler> self = shared_from_this();
+   // Only now: what is let go here may be what else held this root.
+   Platform::releaseDeferred();
    try {
       runStep( TaskPriority::scavenge );
    } catch( ... ) {
@@ -270,18 +279,21 @@ void TaskSchedulerRoot::taskTestYieldRatioIs( unsigned char ratio ) {
 unsigned TaskSchedulerRoot::historyEntryCount() const { return history_->capacity(); }
 
 unsigned TaskSchedulerRoot::historyEntryCountIs( unsigned count ) {
+   sanityCheckCurrentRunningThread();
    return history_->capacityIs( count );
 }
 
 unsigned TaskSchedulerRoot::historyEventCount() const { return history_->size(); }
 
 void TaskSchedulerRoot::clearHistory() {
+   sanityCheckCurrentRunningThread();
    QUARN_TRACE( taskSchedulerHandler, 2, "TaskSchedulerRoot", "{} history cleared",
                 schedulerText( this ) );
    history_->clear();
 }
 
 void TaskSchedulerRoot::historyRenderTextForDebug( std::ostream& out ) const {
+   sanityCheckCurrentRunningThread();
    history_->renderText( out );
 }
 

@@ -60,7 +60,7 @@ TaskStat TaskImpl::getStats() const {
 
 void TaskScheduler::updateCompletedTaskStats( TaskImpl* task ) {
    if( task->taskPriority() > TaskPriority::scavenge ) {
-      QUARN_STREAM_FAIL( task->taskPriority() );
+      QUARN_STREAM_FAIL( task->taskPriority().traceText() );
    }
    TaskStat stat = task->getStats();
    stat.taskNameIs( task->taskStatsName() );

@@ -3,8 +3,11 @@
 #include <Quarn/base/Exception.h>
 
 #include <mutex>
+#include <new>
 #include <typeindex>
 #include <unordered_map>
+
+#include <pthread.h>
 
 namespace Oru {
 
@@ -24,7 +27,13 @@ struct Table {
 
 // Never destroyed, as threads and destructors of statics may come late.
 Table& table() {
-   static Table& theTable = *new Table;
+   static Table& theTable = []() -> Table& {
+      // A child that is forked while another thread holds the mutex has it free. It is made anew
+      // there, since its holder goes by another number.
+      pthread_atfork( [] { table().mutex.lock(); }, [] { table().mutex.unlock(); },
+                      [] { new( &table().mutex ) std::recursive_mutex; } );
+      return *new Table;
+   }();
    return theTable;
 }
 

@@ -16,6 +16,7 @@
 #include <list>
 #include <map>
 #include <mutex>
+#include <pthread.h>
 #include <sstream>
 #include <string>
 #include <string_view>
@@ -101,7 +102,20 @@ void TraceFacility::levelEnabledIs( unsigned short level, bool enabled ) {
 TraceHandle::TraceHandle( Quarn::String const& name, bool )
       : facility_( TraceFacilityMan::globalTraceFacilityMan()->facilityIs( name ) ) {}
 
-TraceFacilityMan::TraceFacilityMan() : state_( std::make_unique<State>() ) { _readEnvironment(); }
+namespace {
+
+// The mutex of the only manager, for the functions around a fork.
+constinit std::mutex* managerMutex = nullptr;
+
+} // namespace
+
+TraceFacilityMan::TraceFacilityMan() : state_( std::make_unique<State>() ) {
+   // A child that is forked while another thread makes a handler can make its own.
+   managerMutex = &state_->mutex;
+   pthread_atfork( [] { managerMutex->lock(); }, [] { managerMutex->unlock(); },
+                   [] { managerMutex->unlock(); } );
+   _readEnvironment();
+}
 
 TraceFacilityMan::~TraceFacilityMan() = default;
 

@@ -188,6 +188,8 @@ TEST( DebugTest, MapIsWrittenToStandardOutput ) {
 TEST( DebugTest, DebuggableSharesItsHandler ) {
    const Debuggable empty;
    EXPECT_FALSE( empty.levelEnabled( 0 ) );
+   QUARN_FMTRACE( empty, 0, "Empty", "nothing {}", 1 );
+   fmtrace( empty, 0, "File", "f", 1, "Empty", "nothing" );
    const Debuggable named( "Named", false );
    const Debuggable copy = named;
    EXPECT_EQ( copy.debugHandler(), named.debugHandler() );

@@ -132,7 +132,7 @@ TEST( RootTest, DueTimersReachTheirQueuesBeforeTheNextChoice ) {
    auto normal = makeTask( root, TaskPriority::normal, "normal", [ & ]( FunctionTask& self ) {
       order += 'N';
       if( ++runs == 1 ) {
-         root->timerWheel()->timerStart( &timer, 0.0 );
+         root->timerWheelForTest()->timerStart( &timer, 0.0 );
       }
       if( runs < 3 ) {
          self.scheduleTask();

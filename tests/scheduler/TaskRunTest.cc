@@ -255,6 +255,13 @@ TEST_F( TaskRunTest, SuspendedRootRunsNothing ) {
    EXPECT_EQ( root->maxRunGap(), 0ns ) << "suspension is no gap";
 }
 
+TEST_F( TaskRunTest, RunEntryChecksItsRange ) {
+   EXPECT_FATAL( step( TaskPriority::oneBeyondLast ), "oneBeyondLast" );
+   EXPECT_FATAL( root->pickOneTask( taskTimeNow(), TaskPriority::critical,
+                                    TaskPriority( std::uint8_t{ 7 } ) ),
+                 ": 7" );
+}
+
 TEST_F( TaskRunTest, NestedRunOnOneSchedulerIsFatal ) {
    auto inner = task( TaskPriority::normal, "inner" );
    auto outer = task( TaskPriority::normal, "outer" );
@@ -323,6 +330,25 @@ TEST_F( TaskRunTest, TaskThatDestroysItselfIsCaught ) {
    EXPECT_FATAL( step(), "Task: suicidal taskMagicNumber: 3735936685 taskMagicNumberConstructed: "
                          "1119771390" );
    EXPECT_EQ( root->currentlyRunningTask(), nullptr );
+}
+
+TEST_F( TaskRunTest, TestRunOutlivesABusyHookThatDropsTheTask ) {
+   struct Dropper : Task {
+      using Task::Task;
+      std::shared_ptr<Dropper>* owner = nullptr;
+      void handleTaskBusy() override {
+         if( owner ) {
+            owner->reset();
+         }
+      }
+      void taskExecute() override {}
+   };
+   auto dropper = std::make_shared<Dropper>( root, TaskPriority::normal, "dropper" );
+   dropper->scheduleTask();
+   dropper->owner = &dropper;
+   Dropper* raw = dropper.get();
+   raw->taskRunFromTest();
+   EXPECT_EQ( root->completedTaskStatForTest( "dropper" ).taskRunCount(), 1u );
 }
 
 TEST_F( TaskRunTest, TaskWithoutOwnerCannotRun ) {
@@ -396,7 +422,7 @@ TEST_F( TaskRunTest, CriticalRunDeliversDueTimersFirst ) {
    int ran = 0;
    auto keepAlive = task( TaskPriority::critical, "test", [ & ]( FunctionTask& ) { ++ran; } );
    timer.on = [ & ] { keepAlive->scheduleTask(); };
-   root->timerWheel()->timerStart( &timer, 0.0 );
+   root->timerWheelForTest()->timerStart( &timer, 0.0 );
    root->runCriticalPriorityTasks();
    EXPECT_EQ( ran, 1 );
 }

@@ -193,7 +193,20 @@ TEST_F( TaskTest, RunIsRecordedWithItsBusyChange ) {
    EXPECT_THAT( historyOf( *root ), ElementsAre( "run start N a", "schedule N a", "run end N a" ) );
 }
 
+TEST_F( TaskTest, LifeIsRecorded ) {
+   auto a = task( TaskPriority::normal, "a" );
+   a->taskForceYieldInTestIs( true );
+   a.reset();
+   EXPECT_THAT( historyOf( *root ),
+                ElementsAre( "create N a", "frcYieldOn N a", "frcYieldOff N a", "delete N a" ) );
+}
+
 TEST_F( TaskTest, SuspendedTaskIsNotQueuedAndLosesNoWakeUp ) {
+   auto idle = task( TaskPriority::normal, "idle" );
+   idle->taskSuspendedIs( true );
+   idle->taskSuspendedIs( false );
+   EXPECT_TRUE( idle->taskScheduled() ) << "queued, though it was not before";
+   idle.reset();
    auto a = task( TaskPriority::normal, "a" );
    a->scheduleTask();
    root->clearHistory();
@@ -341,6 +354,13 @@ TEST_F( TaskTest, OtherThreadsAreTurnedAway ) {
       EXPECT_FATAL( a->scheduleTask(), "Executing in wrong thread " );
       EXPECT_FATAL( a->taskScheduled(), " scheduler belongs to thread " );
       EXPECT_FATAL( makeTask( root, TaskPriority::normal, "b" ), "Executing in wrong thread " );
+      // Nothing has happened by the time of the refusal.
+      EXPECT_FATAL( root->handleSchedulerRun(), "Executing in wrong thread " );
+      EXPECT_FATAL( root->requestSchedulerRun(), "Executing in wrong thread " );
+      EXPECT_FATAL( a->taskRunFromTest(), "Executing in wrong thread " );
+      EXPECT_FATAL( a->taskQuantumIs( 1ms ), "Executing in wrong thread " );
+      EXPECT_FATAL( root->historyEntryCountIs( 5 ), "Executing in wrong thread " );
+      EXPECT_EQ( a->taskRunCount(), 0u );
       ++auxThreadCount;
       a->taskScheduled();
       --auxThreadCount;

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <Quarn/debug/DebugHandler.h>
+#include <Quarn/debug/Trace.h>
 
 namespace Quarn {
 
@@ -32,5 +33,16 @@ class ORUQUARN_API Debuggable {
  private:
    std::shared_ptr<Platform::DebugHandler> handler_;
 };
+
+// Writes a trace line through the value's handler; does nothing for an empty value.
+template<typename... Args>
+void fmtrace( const Debuggable& debuggable, unsigned short level, char const* file,
+              char const* function, int line, char const* className,
+              fmt::format_string<Args...> format, Args&&... args ) noexcept {
+   if( Platform::DebugHandler const* handler = debuggable.debugHandler().get() ) {
+      Impl::vfmtrace( *handler, level, className, file, function, line, format,
+                      fmt::make_format_args( args... ) );
+   }
+}
 
 } // namespace Quarn

@@ -37,7 +37,9 @@ class ORUQUARN_API _TaskBase // NOLINT(bugprone-reserved-identifier): part of th
    virtual void taskWorkCountInc( unsigned long units ) = 0;
    virtual void taskWorkPendingIs( unsigned int units ) = 0;
 
-   // Told that the result of `taskScheduled()` has changed. May destroy any task, this one too.
+   // Told that the result of `taskScheduled()` has changed. May destroy any task, this one too. A
+   // run that ends by an exception tells nothing; the next change is compared with what was told
+   // last.
    virtual void handleTaskBusy();
 
    // Told that the statistics of this task were reset.

@@ -26,7 +26,10 @@ enum class TaskShouldYieldMode : std::uint8_t {
 //
 // Setters ending in `Is` do nothing when the value is unchanged.
 //
-// Thread: that of the scheduler's root, for every operation ("Executing in wrong thread ...").
+// Thread: that of the scheduler's root. What changes scheduling fails elsewhere ("Executing in
+// wrong
+//         thread ..."); reading counters and `taskShouldYield()`, which is asked in inner loops,
+//         are not checked.
 class ORUQUARN_API TaskImpl : public _TaskBase {
  public:
    // Errors: fatal without a scheduler ("Need a TaskScheduler"), and by the rules of
@@ -124,8 +127,6 @@ class ORUQUARN_API TaskImpl : public _TaskBase {
    void _quantumStore( TaskTimeDuration quantum );
    void _accountRun( TaskTimeDuration used );
    TaskTimeDuration _virtualRunTime() const;
-   std::uint32_t _magic() const;
-   void _magicIs( std::uint32_t value );
 
    std::uint8_t flags_ = flagIncludeInCompleted;
    TaskShouldYieldMode taskShouldYieldMode_ = TaskShouldYieldMode::realTime;

@@ -45,7 +45,11 @@ class ORUQUARN_API TaskScheduler : public std::enable_shared_from_this<TaskSched
 
    // Asks the owner to call this scheduler's run entry soon.
    virtual void requestSchedulerRun() = 0;
+
+   // Told that the set of tasks with a forced yield has become empty, or is so no longer.
    virtual void handleTaskForceYieldInTest() = 0;
+
+   // Told that the root has changed between real and virtual time.
    virtual void handleVirtualTimeChange() = 0;
 
    // Called by the task's constructor. A critical task belongs to a root, and is for authorized
@@ -75,6 +79,8 @@ class ORUQUARN_API TaskScheduler : public std::enable_shared_from_this<TaskSched
    void unscheduleTask( const TaskTimeStamp& now, TaskImpl* task );
 
    // Chooses a task of the priorities `from` to `to` and takes it off its queue; null for none.
+   //
+   // Errors: fatal for a priority above scavenge.
    TaskImpl* pickOneTask( const TaskTimeStamp& now, TaskPriority from, TaskPriority to );
 
    // Runs one task of the priorities from critical to `maxPriority`; false when there was none.
@@ -83,6 +89,7 @@ class ORUQUARN_API TaskScheduler : public std::enable_shared_from_this<TaskSched
    // throws, after which the scheduler goes on.
    bool _handleSchedulerRun( TaskPriority maxPriority );
 
+   // Whether a run was asked for, because work is runnable. Goes with the run that finds none.
    void schedulerHasRunnableTasksIs( bool runnable, const TaskTimeStamp& now );
    bool schedulerHasRunnableTasks() const { return hasRunnableTasks_; }
 
@@ -124,7 +131,7 @@ class ORUQUARN_API TaskScheduler : public std::enable_shared_from_this<TaskSched
    // runnable. A critical run inside another run counts from the end of the run before that one.
    TaskTimeDuration maxRunGap() const { return maxRunGap_; }
 
-   // The task being run by this scheduler; null outside a run.
+   // The task being run by this scheduler, which holds it for the run; null outside a run.
    TaskImpl* currentlyRunningTask() const { return currentlyRunningTask_; }
 
    unsigned timerRunningCount() const { return timerRunningCount_; }
@@ -192,6 +199,7 @@ class ORUQUARN_API TaskScheduler : public std::enable_shared_from_this<TaskSched
                       _TaskBase const* task ) const;
    void scheduleTaskPrivate( const TaskTimeStamp& now, TaskImpl* task );
    void taskSchedulerUnlinkTask( const TaskTimeStamp& now, TaskPriority priority, TaskImpl* task );
+   TaskImpl* _pick( const TaskTimeStamp& now, TaskPriority from, TaskPriority to );
    bool attemptLowerPriorityBump( TaskPriority priority, std::uint32_t consecutiveRuns ) const;
    void updateCompletedTaskStats( TaskImpl* task );
    void runEntered( const TaskTimeStamp& now );

@@ -47,7 +47,8 @@ class ORUQUARN_API TaskSchedulerRoot final : public TaskScheduler,
    void suspendedIs( bool suspended ) override;
 
    // Delivers the timers that are due, then runs all queued critical tasks, also from inside
-   // another task. Not to be called from a critical task. The time since the last run ended before
+   // another task. A critical task that reschedules itself keeps it
+   // from ending. Not to be called from a critical task. The time since the last run ended before
    // this call counts as run gap, the surrounding task's time included.
    //
    // Errors: what a critical task throws.
@@ -116,7 +117,10 @@ class ORUQUARN_API TaskSchedulerRoot final : public TaskScheduler,
    String historyRenderTextForDebugToString() const;
    void historyRenderTextForDebugStdErr() const;
 
-   const std::shared_ptr<TimerWheel>& timerWheel() const { return timerWheel_; }
+   // The wheel of the thread's timer tasks. Nothing else belongs on it: it is served before
+   // anything else, so a timer that restarts itself at once would starve the loop.
+   const std::shared_ptr<TimerWheel>& timerWheelForTest() const { return timerWheel_; }
+   // The thread that the root belongs to.
    pthread_t threadId() const { return threadId_; }
 
    // For tests: has task groups let members run more than once under virtual time.

@@ -167,6 +167,12 @@ template<>
 struct fmt::formatter<Quarn::TaskSchedulerEventType> : fmt::formatter<std::string_view> {
    template<typename Context>
    auto format( Quarn::TaskSchedulerEventType type, Context& context ) const {
-      return fmt::formatter<std::string_view>::format( Quarn::eventTypeDisplay( type ), context );
+      // A trace must not fail; an unknown value shows as its number.
+      const auto value = static_cast<unsigned>( type );
+      return fmt::formatter<std::string_view>::format(
+            value > static_cast<unsigned>( Quarn::TaskSchedulerEventType::schedulerRunCriticalEnd )
+                  ? std::string_view( fmt::to_string( value ) )
+                  : std::string_view( Quarn::eventTypeDisplay( type ) ),
+            context );
    }
 };
