@@ -37,8 +37,9 @@ missing_packages() {
 }
 
 # Runs apt-get without asking anything; on failure says in one line what it said.
+stale_lists=
 apt_get() {
-   local log as_root=()
+   local log said as_root=()
    if [ "$( id -u )" -ne 0 ]; then
       command -v sudo >/dev/null || die "need root to install: ${missing[*]}"
       as_root=( sudo )
@@ -48,14 +49,17 @@ apt_get() {
    # Another installation may be running, as on a machine just started; it gets two minutes.
    if "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get -qq \
          -o DPkg::Lock::Timeout=120 "$@" >"$log" 2>&1 </dev/null; then
+      # Without a network `update` warns and succeeds; the lists of an earlier day may still do.
+      if [ "$1" = update ] && grep -qi 'failed to fetch' "$log"; then
+         stale_lists=' (some package lists could not be fetched; is there a network?)'
+      fi
       rm -f "$log"
       return
    fi
-   local said
-   said=$( { grep -m 1 -E '^E: ' || tail -n 1; } <"$log" )
-   [ -n "$said" ] || said=$( tail -n 1 "$log" )
+   said=$( grep -m 1 '^E: ' "$log" || grep . "$log" | tail -n 1 || true )
+   said=${said#E: }
    rm -f "$log"
-   die "cannot install ${missing[*]}: apt-get $1: ${said#E: }"
+   die "cannot install ${missing[*]}: apt-get $1: ${said:-failed}$stale_lists"
 }
 
 # Installs what the named needs lack. A complete machine never reaches apt-get.

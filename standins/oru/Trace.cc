@@ -114,7 +114,9 @@ TraceFacilityMan::TraceFacilityMan() : state_( std::make_unique<State>() ) {
    managerMutex = &state_->mutex;
    pthread_atfork( [] { managerMutex->lock(); }, [] { managerMutex->unlock(); },
                    [] { managerMutex->unlock(); } );
-   _readEnvironment();
+   // Nobody else sees this object yet, so no lock is taken: the table of singletons is locked here,
+   // and around a fork the two locks are taken in the other order.
+   _readEnvironment( {} );
 }
 
 TraceFacilityMan::~TraceFacilityMan() = default;
@@ -125,14 +127,14 @@ Ptr<TraceFacilityMan> TraceFacilityMan::globalTraceFacilityMan() {
 
 void TraceFacilityMan::doReadEnvironment() {
    if( Ptr<TraceFacilityMan> const manager = Entity::singletonExists<TraceFacilityMan>() ) {
-      manager->_readEnvironment();
+      manager->_readEnvironment( std::unique_lock( manager->state_->mutex ) );
    } else {
       // Reads it while it is made.
       globalTraceFacilityMan();
    }
 }
 
-void TraceFacilityMan::_readEnvironment() {
+void TraceFacilityMan::_readEnvironment( std::unique_lock<std::mutex> ) {
    TraceSettings settings = parseTraceSettings( System::getenv( "TRACE" ) );
    for( std::string const& item : settings.ignored ) {
       writeIgnoredItem( item );
@@ -140,7 +142,6 @@ void TraceFacilityMan::_readEnvironment() {
    Quarn::String const given = System::getenv( "TRACEFORMAT" );
    std::string_view const format = given.empty() ? defaultTraceFormat : std::string_view( given );
 
-   std::lock_guard const guard( state_->mutex );
    state_->items = std::move( settings.items );
    for( auto const& [ name, facility ] : state_->facilities ) {
       apply( levelChange( state_->items, name ), facility->levelsEnabledPtr() );

@@ -613,12 +613,12 @@ TEST( EventBaseTest, PrioritiesAndTheirNames ) {
    EXPECT_EQ( toString( EventPriority::eventPriorityStrictHigh ), "eventPriorityStrictHigh" );
    EXPECT_EQ( toString( EventPriority::eventPriorityDefault ), "eventPriorityDefault" );
    EXPECT_EQ( toString( EventPriority( 2 ) ), "Invalid EventPriority=2" );
-   leInit();
+   event_base* base = leCreateBase();
    event* ev = evtimer_new(
-         leCreateBase(), []( int, short, void* ) {}, nullptr );
+         base, []( int, short, void* ) {}, nullptr );
    EXPECT_FATAL( eventPrioritySet( ev, EventPriority( 2 ) ), "Failed to set priority on " );
-   event_base_free( event_get_base( ev ) );
    event_free( ev );
+   event_base_free( base );
 }
 
 TEST( EventBaseTest, WarningsOfLibeventAreTraced ) {

@@ -37,6 +37,7 @@
 
 #include <iosfwd>
 #include <memory>
+#include <mutex>
 #include <vector>
 
 namespace Oru {
@@ -119,7 +120,8 @@ class ORU_API TraceFacilityMan : public PtrInterface {
  private:
    friend struct Entity;
    TraceFacilityMan();
-   void _readEnvironment();
+   // Under the lock of the facilities, or while nobody else sees them.
+   void _readEnvironment( std::unique_lock<std::mutex> held );
 
    struct State;
    std::unique_ptr<State> const state_;
