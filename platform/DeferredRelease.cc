@@ -7,12 +7,12 @@
 
 namespace Quarn::Platform {
 
+constinit thread_local bool anyDeferred = false;
+
 namespace {
 
 using Deferred = std::vector<std::shared_ptr<void>>;
 
-// Read on every turn, so it must not cost the guard of a dynamic thread-local.
-constinit thread_local bool anyDeferred __attribute__( ( tls_model( "initial-exec" ) ) ) = false;
 // Set when the list below is destroyed; a thread-local destroyed later may still defer.
 constinit thread_local bool listGone = false;
 
@@ -41,10 +41,7 @@ void releaseLater( std::shared_ptr<void> object ) noexcept {
    }
 }
 
-void releaseDeferred() noexcept {
-   if( !anyDeferred ) {
-      return;
-   }
+void releaseAllDeferred() noexcept {
    anyDeferred = false;
    // A destructor may defer again; the list is taken first.
    Deferred taken;

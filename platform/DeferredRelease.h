@@ -11,7 +11,16 @@ namespace Quarn::Platform {
 // thread. Never throws; when memory is short the object is leaked instead.
 void releaseLater( std::shared_ptr<void> object ) noexcept;
 
+// Asked on every turn, so it must not cost the guard of a dynamic thread-local.
+extern constinit thread_local bool anyDeferred __attribute__( ( tls_model( "initial-exec" ) ) );
+
+void releaseAllDeferred() noexcept;
+
 // Lets go of what this thread deferred. Destroys objects, so nothing of theirs is used afterwards.
-void releaseDeferred() noexcept;
+inline void releaseDeferred() noexcept {
+   if( anyDeferred ) [[unlikely]] {
+      releaseAllDeferred();
+   }
+}
 
 } // namespace Quarn::Platform

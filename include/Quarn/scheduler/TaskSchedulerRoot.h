@@ -90,7 +90,7 @@ class ORUQUARN_API TaskSchedulerRoot final : public TaskScheduler,
 
    // Fails on any thread but the root's. Asked first by every operation.
    void sanityCheckCurrentRunningThread() const {
-      if( !pthread_equal( pthread_self(), threadId_ ) ) [[unlikely]] {
+      if( !_isOwnThread() ) [[unlikely]] {
          _wrongThread();
       }
    }
@@ -129,6 +129,15 @@ class ORUQUARN_API TaskSchedulerRoot final : public TaskScheduler,
  private:
    friend class TimerTask;
 
+   // Several times a run, so without a call where there is a way: on x86-64 the C library's thread
+   // number is the thread pointer.
+   bool _isOwnThread() const {
+#if defined( __x86_64__ ) && defined( __GLIBC__ ) && __has_builtin( __builtin_thread_pointer )
+      return __builtin_thread_pointer() == reinterpret_cast<void*>( threadId_ );
+#else
+      return pthread_equal( pthread_self(), threadId_ ) != 0;
+#endif
+   }
    [[gnu::cold]] void _wrongThread() const;
    void _reevaluateYieldModes();
 
