@@ -11,6 +11,7 @@
 #include <memory>
 
 #include <pthread.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
 namespace Quarn {
@@ -119,8 +120,42 @@ void freeBaseWithLateKey() {
 
 } // namespace
 
+constinit std::atomic<std::atomic<pid_t>*> processMark{ nullptr };
+
+namespace {
+
+// Makes the page of `processMark`. What it holds is written by `processAsked`.
+std::atomic<pid_t>* makeProcessMark() {
+   const auto size = static_cast<std::size_t>( sysconf( _SC_PAGESIZE ) );
+   void* page = mmap( nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0 );
+   if( page == MAP_FAILED ) {
+      return nullptr;
+   }
+   // Linux 4.14 and later.
+   if( madvise( page, size, MADV_WIPEONFORK ) != 0 ) {
+      munmap( page, size );
+      return nullptr;
+   }
+   return new( page ) std::atomic<pid_t>( 0 );
+}
+
+} // namespace
+
+pid_t processAsked() {
+   static std::atomic<pid_t>* const made = [] {
+      std::atomic<pid_t>* mark = makeProcessMark();
+      processMark.store( mark, std::memory_order_release );
+      return mark;
+   }();
+   const pid_t pid = getpid();
+   if( made ) {
+      made->store( pid, std::memory_order_relaxed );
+   }
+   return pid;
+}
+
 void baseAfterFork() {
-   if( threadBase.base && threadBase.pid != getpid() ) {
+   if( threadBase.base && threadBase.pid != process() ) {
       leForkReinit();
    }
 }
@@ -172,7 +207,7 @@ void leRegisterBase( event_base* base ) {
       threadBase.generation = generations.fetch_add( 1, std::memory_order_relaxed ) + 1;
    }
    threadBase.base = base;
-   threadBase.pid = getpid();
+   threadBase.pid = Platform::processAsked();
    setMainThread();
 }
 
@@ -209,7 +244,7 @@ void leForkReinit() {
    if( const int rc = event_reinit( threadBase.base ); rc != 0 ) {
       QUARN_FAIL( "Quarn", "event_reinit failed: {}", rc );
    }
-   threadBase.pid = getpid();
+   threadBase.pid = Platform::processAsked();
    setMainThread();
 }
 

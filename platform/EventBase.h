@@ -5,6 +5,7 @@
 #include <event2/event.h>
 #include <event2/event_struct.h>
 
+#include <atomic>
 #include <cstdint>
 #include <exception>
 
@@ -34,6 +35,20 @@ extern constinit thread_local ThreadBase threadBase
 // of a base that was freed must not be handed to libevent, which would touch the freed base.
 inline bool onCurrentBase( std::uint64_t generation ) {
    return threadBase.base && generation == threadBase.generation;
+}
+
+// The id of this process on a page that the kernel clears in the child of a fork: reads 0 there.
+// Null until the first base is registered, and where the kernel has no such pages.
+extern constinit std::atomic<std::atomic<pid_t>*> processMark;
+
+// `getpid()`, and taking note of it.
+pid_t processAsked();
+
+// The id of this process, without a system call when it is known.
+inline pid_t process() {
+   std::atomic<pid_t> const* mark = processMark.load( std::memory_order_acquire );
+   const pid_t known = mark ? mark->load( std::memory_order_relaxed ) : 0;
+   return known != 0 ? known : processAsked();
 }
 
 // In the child of a fork, sets the base up again before anything touches descriptors: the watch
