@@ -5,5 +5,6 @@
 #include <Quarn/scheduler/CriticalTask.h>
 #include <Quarn/scheduler/TaskScheduler.h>
 #include <Quarn/scheduler/TaskSchedulerRoot.h>
+#include <Quarn/stats/TaskNameRegex.h>
 #include <Quarn/stats/TaskSchedulerHistory.h>
 #include <Quarn/stats/TaskStat.h>

@@ -1,0 +1,222 @@
+#include <Quarn/stats/TaskNameRegex.h>
+
+#include "debug/Handlers.h"
+
+// Matching recurses once for each state that takes no character, and a counted repeat writes its
+// operand out: with the 100000 states that are usual, `(a?){9999}` needs megabytes of stack. This
+// many still hold every pattern of the allowed length. The limit is read by the templates below,
+// which are our own through the traits class, so that other users of <regex> keep theirs.
+#ifdef _GLIBCXX_REGEX_STATE_LIMIT
+#error "<regex> is included before its limit is set"
+#endif
+#define _GLIBCXX_REGEX_STATE_LIMIT 8192
+// GCC 12 under the address sanitizer does not see that only states that have a matcher move it.
+#if defined( __GNUC__ ) && !defined( __clang__ )
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#include <regex>
+#pragma GCC diagnostic pop
+#else
+#include <regex>
+#endif
+
+#include <algorithm>
+#include <exception>
+#include <iostream>
+#include <iterator>
+#include <locale>
+#include <stdexcept>
+
+#include <pthread.h>
+
+namespace Quarn {
+
+namespace {
+
+constexpr char sourceFile[] = "TaskSchedulerCpp";
+
+// Compiling recurses as well. Up to 470 bytes of stack a character were seen; a thread that has
+// less left than the figures here refuses the pattern.
+constexpr std::size_t maxPatternSize = 2048;
+constexpr std::size_t stackPerCharacter = 640;
+constexpr std::size_t stackForRest = 48u << 10;
+constexpr std::ptrdiff_t maxGroups = 256;
+constexpr std::size_t maxBacktrackedSize = 512;
+constexpr std::uint32_t maxSteps = 1u << 24;
+constexpr std::size_t maxStack = 8u << 20;
+
+struct Traits : std::regex_traits<char> {};
+using Regex = std::basic_regex<char, Traits>;
+
+struct GaveUp {};
+
+std::uintptr_t frame() { return reinterpret_cast<std::uintptr_t>( __builtin_frame_address( 0 ) ); }
+
+// What is left for one match.
+struct Budget {
+   std::uint32_t steps = maxSteps;
+   std::uintptr_t lowestFrame = 0;
+};
+
+// Steps through a text on a budget: the matcher compares its position with the end before it takes
+// a character, at whatever depth it is.
+class Cursor {
+ public:
+   using iterator_category = std::bidirectional_iterator_tag;
+   using value_type = char;
+   using difference_type = std::ptrdiff_t;
+   using pointer = char const*;
+   using reference = const char&;
+
+   Cursor() = default;
+   Cursor( char const* at, Budget* budget ) : at_( at ), budget_( budget ) {}
+
+   reference operator*() const { return *at_; }
+   Cursor& operator++() {
+      ++at_;
+      return *this;
+   }
+   Cursor operator++( int ) { return Cursor( at_++, budget_ ); }
+   Cursor& operator--() {
+      --at_;
+      return *this;
+   }
+   Cursor operator--( int ) { return Cursor( at_--, budget_ ); }
+
+   bool operator==( const Cursor& other ) const {
+      if( budget_ && ( budget_->steps-- == 0 || frame() < budget_->lowestFrame ) ) [[unlikely]] {
+         throw GaveUp();
+      }
+      return at_ == other.at_;
+   }
+
+ private:
+   char const* at_ = nullptr;
+   Budget* budget_ = nullptr;
+};
+
+// The end of the thread's stack; 0 when unknown. Asked once: for the first thread of a process the
+// system library reads it from a file.
+std::uintptr_t stackEnd() {
+   thread_local std::uintptr_t end = 0;
+   if( end == 0 ) {
+      pthread_attr_t attributes;
+      if( pthread_getattr_np( pthread_self(), &attributes ) == 0 ) {
+         void* lowest = nullptr;
+         std::size_t size = 0;
+         if( pthread_attr_getstack( &attributes, &lowest, &size ) == 0 ) {
+            end = reinterpret_cast<std::uintptr_t>( lowest );
+         }
+         pthread_attr_destroy( &attributes );
+      }
+   }
+   return end;
+}
+
+// What the thread has left, or `maxStack` when that is unknown, as it is on a stack that the
+// program switched to.
+std::size_t stackLeft() {
+   const std::uintptr_t here = frame();
+   const std::uintptr_t end = stackEnd();
+   return end != 0 && end < here ? std::min( here - end, maxStack ) : maxStack;
+}
+
+Regex compile( std::string_view pattern, std::regex_constants::syntax_option_type flags ) {
+   Regex regex;
+   // Before the pattern: the constructor takes the global locale, and imbuing later empties it.
+   regex.imbue( std::locale::classic() );
+   regex.assign( pattern.data(), pattern.size(), flags );
+   return regex;
+}
+
+} // namespace
+
+// libstdc++ matches in one of two ways. Backtracking recurses for each character and can take
+// exponential time. The other way walks all alternatives abreast, in constant stack and polynomial
+// time with the same answers, but knows no back-references.
+struct TaskNameRegex::Expression {
+   explicit Expression( std::string_view pattern ) {
+      if( pattern.size() > maxPatternSize ||
+          std::count( pattern.begin(), pattern.end(), '(' ) > maxGroups ||
+          pattern.size() * stackPerCharacter + stackForRest > stackLeft() ) {
+         throw std::length_error( "Regular expression is too long or too deeply nested." );
+      }
+      // Compiled as the backtracking form first, which alone says whether the pattern is valid.
+      using namespace std::regex_constants;
+      regex = compile( pattern, ECMAScript );
+      try {
+         regex = compile( pattern, ECMAScript | nosubs | __polynomial );
+      } catch( const std::regex_error& ) {
+         backtracks = true;
+      }
+   }
+
+   bool matches( std::string_view text ) const {
+      if( backtracks && text.size() > maxBacktrackedSize ) {
+         return false;
+      }
+      Budget budget;
+      if( backtracks ) {
+         // The last quarter is for the states between two checks.
+         budget.lowestFrame = frame() - stackLeft() / 4 * 3;
+      }
+      try {
+         return std::regex_match( Cursor( text.data(), &budget ),
+                                  Cursor( text.data() + text.size(), &budget ), regex );
+      } catch( const GaveUp& ) {
+         return false;
+      }
+   }
+
+   Regex regex;
+   bool backtracks = false;
+};
+
+TaskNameRegex::TaskNameRegex( const String& pattern ) noexcept : pattern_( pattern ) {
+   try {
+      expression_ = std::make_unique<const Expression>( pattern_ );
+      valid_ = true;
+   } catch( const std::exception& e ) {
+      _errorIs( e.what() );
+   }
+}
+
+TaskNameRegex::~TaskNameRegex() = default;
+
+void TaskNameRegex::_errorIs( char const* what ) noexcept {
+   try {
+      error_ = what;
+      // In one piece, so that lines of several threads do not mix.
+      std::cerr << "'show agent task scheduler match REGEX' supplied with invalid regular "
+                   "expression '" +
+                         pattern_ + "' raised exception: " + error_ + "\n";
+   } catch( ... ) {
+      // Users tell an invalid filter by its text, so there is one even when memory is short; this
+      // one fits in place.
+      if( error_.empty() ) {
+         error_ = "Out of memory";
+      }
+   }
+}
+
+bool TaskNameRegex::_match( const String& text, std::size_t passedOver, Cache& cache ) const {
+   if( !valid_ ) {
+      return false;
+   }
+   Match& known = cache[ text ];
+   switch( known ) {
+   case Match::notTried: {
+      const std::string_view all = text;
+      const bool matches = expression_->matches( all.substr( std::min( passedOver, all.size() ) ) );
+      known = matches ? Match::matches : Match::doesNotMatch;
+      return matches;
+   }
+   case Match::matches:
+      return true;
+   case Match::doesNotMatch:
+      return false;
+   }
+   QUARN_STREAM_FAIL( "unexpected regexMatch" );
+}
+
+} // namespace Quarn
