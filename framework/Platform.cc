@@ -4,10 +4,14 @@
 #include <Quarn/platform/EventLoop.h>
 #include <Quarn/platform/Factories.h>
 #include <Quarn/platform/Time.h>
+#include <Quarn/platform/VirtualTime.h>
 
 #include "debug/Handlers.h"
 
+#include <Oru/ActivityManager.h>
 #include <Oru/System.h>
+
+#include <set>
 
 namespace Quarn {
 
@@ -25,6 +29,19 @@ void requireThreadLocalSingletons( char const* function ) {
                      "the framework's controls are not in this build; thread-local singletons are "
                      "needed" );
    }
+}
+
+void refuseThreadLocalSingletons( char const* function ) {
+   if( hasThreadLocalSingletons() ) {
+      QUARN_FAIL_AS( "Quarn::Platform", function,
+                     "ThreadLocal fastForward invoked from non-main thread" );
+   }
+}
+
+// Made by the first registration, which may be a static initialiser's, and never destroyed.
+std::set<void ( * )()>& fastForwardNotifiers() {
+   static auto* const all = new std::set<void ( * )()>;
+   return *all;
 }
 
 } // namespace
@@ -62,6 +79,31 @@ void doEventLoop( double timeout ) {
 void doEventLoopInWaitfor( double timeout ) {
    requireThreadLocalSingletons( __func__ );
    doLeEventLoopInWaitfor( timeout );
+}
+
+bool fastForward() {
+   refuseThreadLocalSingletons( __func__ );
+   return Oru::ActivityManager::instance()->virtualTime();
+}
+
+void setFastForward( bool on ) {
+   refuseThreadLocalSingletons( __func__ );
+   if( on == Oru::ActivityManager::instance()->virtualTime() ) {
+      return;
+   }
+   Oru::ActivityManagerConfig::virtualTimeIs( on );
+   // A copy: a notifier may add others.
+   const auto called = fastForwardNotifiers();
+   for( const auto notifier : called ) {
+      notifier();
+   }
+}
+
+void registerFastForwardChangeNotifier( void ( *notifier )() ) {
+   if( !notifier ) {
+      QUARN_FAIL( "Quarn::Platform", "notifier is null" );
+   }
+   fastForwardNotifiers().insert( notifier );
 }
 
 } // namespace Platform
