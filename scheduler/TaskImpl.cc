@@ -90,11 +90,11 @@ unsigned TaskImpl::taskStatus() const {
    if( taskSuspended() ) {
       status |= 16;
    }
-   if( isTaskGroup() ) {
-      status |= 32;
-   }
-   if( scheduler_->suspended() ) {
-      status |= 64;
+   for( TaskScheduler const* s = scheduler_.get(); s; s = s->enclosing_ ) {
+      if( s->suspended() ) {
+         status |= 64;
+         break;
+      }
    }
    return status;
 }
@@ -113,7 +113,7 @@ void TaskImpl::scheduleTask() {
    }
    // A busy callback may drop the task; it must last to the end of this function.
    std::shared_ptr<_TaskBase> self;
-   if( scheduler_->schedulerBaseBusyCallbacksRegistered() ) {
+   if( scheduler_->_anyBusyCallbacks() ) {
       self = weak_from_this().lock();
    }
    scheduler_->scheduleTaskPrivate( now, this );

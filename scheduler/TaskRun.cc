@@ -33,6 +33,9 @@ void TaskImpl::taskDoRun( const TaskTimeStamp& now, TaskTimeStamp* endTime ) {
    CriticalTaskMarker critical( priority_ == TaskPriority::critical );
    scheduler_->historyEvent( now, TaskSchedulerEventType::runStart, this );
    QUARN_TRACE( taskSchedulerHandler, 8, "TaskImpl", "Running {}", taskText( this ) );
+   if( _root().runObserver_ ) [[unlikely]] {
+      _root().runObserver_( *this );
+   }
    runStartTime_ = now;
    if( firstRunTime_ == TaskTimeStamp() ) {
       firstRunTime_ = now;

@@ -31,7 +31,12 @@ TaskScheduler::TaskScheduler( String name, TaskSchedulerRoot* root,
 
 TaskScheduler::~TaskScheduler() = default;
 
-bool TaskScheduler::resetStatsInProgress() const { return false; }
+bool TaskScheduler::resetStatsInProgress() const { return resetBookmark_.linked(); }
+
+void TaskScheduler::_abandonReset() {
+   resetBookmark_.unlink();
+   resetStatsTask_.reset();
+}
 
 void TaskScheduler::runCriticalPriorityTasks() { root_->runCriticalPriorityTasks(); }
 

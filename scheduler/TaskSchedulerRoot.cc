@@ -64,6 +64,7 @@ TaskSchedulerRoot::TaskSchedulerRoot( String name )
 }
 
 TaskSchedulerRoot::~TaskSchedulerRoot() {
+   _abandonReset();
    unregisterScheduler( this );
    callbackControl_.reset();
    timerWheel_.reset();
@@ -128,6 +129,22 @@ unsigned TaskSchedulerRoot::totalRegisteredTaskCount() const {
       }
    }
    return count;
+}
+
+TaskQueueStatsMap TaskSchedulerRoot::queueStatsRoot() const {
+   sanityCheckCurrentRunningThread();
+   TaskQueueStatsMap sums;
+   for( TaskScheduler const* scheduler : schedulers_ ) {
+      for( const auto& [ priority, stats ] : scheduler->queueStats() ) {
+         sums[ priority ] += stats;
+      }
+   }
+   return sums;
+}
+
+void TaskSchedulerRoot::runObserverForTestIs( std::function<void( const TaskImpl& )> observer ) {
+   sanityCheckCurrentRunningThread();
+   runObserver_ = std::move( observer );
 }
 
 unsigned TaskSchedulerRoot::taskGroupCount() const {

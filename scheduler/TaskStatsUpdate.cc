@@ -58,6 +58,24 @@ TaskStat TaskImpl::getStats() const {
    return stat;
 }
 
+void TaskImpl::_clearStats() {
+   totalRunTime_ = {};
+   workCountTotal_ = 0;
+   workCountDecayAvg_ = 0.0f;
+   workPending_ = 0;
+   maxRunTime_ = {};
+   severeQuantumViolations_ = 0;
+   moderateQuantumViolations_ = 0;
+   lastQueueWait_ = {};
+   maxQueueWait_ = {};
+   taskRunCount_ = 0;
+   workCountHighWaterMark_ = taskStatUnset;
+   workPendingHighWaterMark_ = taskStatUnset;
+   // A run that is under way goes on counting from its start.
+   firstRunTime_ = taskCurrentlyRunning_ ? runStartTime_ : TaskTimeStamp();
+   runStartTime_ = firstRunTime_;
+}
+
 void TaskScheduler::updateCompletedTaskStats( TaskImpl* task ) {
    if( task->taskPriority() > TaskPriority::scavenge ) {
       QUARN_STREAM_FAIL( task->taskPriority().traceText() );

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <Quarn/scheduler/CriticalTask.h>
+#include <Quarn/scheduler/TaskGroup.h>
 #include <Quarn/scheduler/TaskScheduler.h>
 #include <Quarn/scheduler/TaskSchedulerRoot.h>
 #include <Quarn/stats/TaskNameRegex.h>

@@ -27,9 +27,8 @@ enum class TaskShouldYieldMode : std::uint8_t {
 // Setters ending in `Is` do nothing when the value is unchanged.
 //
 // Thread: that of the scheduler's root. What changes scheduling fails elsewhere ("Executing in
-// wrong
-//         thread ..."); reading counters and `taskShouldYield()`, which is asked in inner loops,
-//         are not checked.
+//         wrong thread ..."); reading counters is not checked, nor is `taskShouldYield()`, which
+//         is asked in inner loops.
 class ORUQUARN_API TaskImpl : public _TaskBase {
  public:
    // Errors: fatal without a scheduler ("Need a TaskScheduler"), and by the rules of
@@ -110,8 +109,11 @@ class ORUQUARN_API TaskImpl : public _TaskBase {
    void taskDoRun( const TaskTimeStamp& now, TaskTimeStamp* endTime );
 
  private:
+   friend class FileDescriptorTask;
+   friend class TaskGroup;
    friend class TaskScheduler;
    friend class TaskSchedulerRoot;
+   friend class TimerTask;
    friend class CurrentlyRunningTaskAnchor;
 
    static constexpr std::uint8_t flagSuspended = 1;
@@ -126,6 +128,7 @@ class ORUQUARN_API TaskImpl : public _TaskBase {
    void _queueWaitEnds( TaskTimeStamp now );
    void _quantumStore( TaskTimeDuration quantum );
    void _accountRun( TaskTimeDuration used );
+   void _clearStats();
    TaskTimeDuration _virtualRunTime() const;
 
    std::uint8_t flags_ = flagIncludeInCompleted;

@@ -15,6 +15,7 @@
 
 #include <Quarn/Export.h>
 #include <Quarn/IntrusiveBookmarkLinkedList.h>
+#include <Quarn/Vector.h>
 #include <Quarn/scheduler/TaskImpl.h>
 #include <Quarn/stats/TaskSchedulerHistory.h>
 #include <Quarn/stats/TaskStat.h>
@@ -29,14 +30,40 @@
 
 namespace Quarn {
 
+class TaskNameRegex;
 class TaskSchedulerRoot;
+
+// What a scheduler knows of one priority.
+struct TaskQueueStats {
+   // Tasks on the run queue.
+   std::uint64_t runnable = 0;
+   // Registered tasks that are not on it.
+   std::uint64_t idle = 0;
+   // Tasks that are gone and whose statistics were kept.
+   std::uint64_t completed = 0;
+   // Runs since the statistics were last cleared.
+   std::uint64_t total = 0;
+
+   bool operator==( const TaskQueueStats& ) const = default;
+   TaskQueueStats& operator+=( const TaskQueueStats& other ) {
+      runnable += other.runnable;
+      idle += other.idle;
+      completed += other.completed;
+      total += other.total;
+      return *this;
+   }
+};
+
+// An entry for each of the six priorities.
+using TaskQueueStatsMap = std::map<TaskPriority, TaskQueueStats>;
 
 class ORUQUARN_API TaskScheduler : public std::enable_shared_from_this<TaskScheduler> {
  public:
    TaskScheduler( String name, TaskSchedulerRoot* root,
                   std::shared_ptr<TaskSchedulerHistory> history );
 
-   // Whether a reset of the statistics is under way.
+   // Whether a reset of the statistics is under way: from `resetStats()` until its walk has come to
+   // the end of the list.
    virtual bool resetStatsInProgress() const;
    virtual void suspendedIs( bool suspended ) = 0;
 
@@ -147,6 +174,35 @@ class ORUQUARN_API TaskScheduler : public std::enable_shared_from_this<TaskSched
    // Errors: fatal when there is none.
    TaskStat completedTaskStatForTest( const String& name ) const;
 
+   // The counts of each priority.
+   TaskQueueStatsMap queueStats() const;
+
+   // Appends the records of the registered tasks to `out`, newest task first. A task that never ran
+   // is left out unless `includeNoRuns` is set; so is one whose name the filter does not match. An
+   // invalid filter matches nothing; null matches all.
+   //
+   // Returns how many were left out because they never ran.
+   unsigned getTaskStats( BasicVector<TaskStat>& out, bool includeNoRuns ) const;
+   unsigned getTaskStats( BasicVector<TaskStat>& out, bool includeNoRuns,
+                          TaskNameRegex const* filter ) const;
+
+   // The same for the records of completed tasks, in no promised order. The name is the statistics
+   // name.
+   unsigned getCompletedTaskStats( BasicVector<TaskStat>& out, bool includeNoRuns ) const;
+   unsigned getCompletedTaskStats( BasicVector<TaskStat>& out, bool includeNoRuns,
+                                   TaskNameRegex const* filter ) const;
+
+   // Clears the counters of every registered task, and at the end those of the scheduler. A task of
+   // its own does it (";ResetStats" behind the scheduler's name, of priority normal, in a group of
+   // the group's), which yields like any other; tasks may come and go meanwhile, and those that
+   // come are not visited. Called again, it starts anew. Only this scheduler is cleared, not the
+   // groups under it.
+   void resetStats();
+
+   // Clears what `resetStats()` clears at its end: the numbers of runs, the longest run gap, and
+   // the records and counts of completed tasks.
+   void clearStats();
+
    // Keeps the set of tasks that have a forced yield.
    void taskForceYieldInTestNotify( TaskImpl* task, bool on );
    bool anyTaskForcesYieldInTest() const { return !forcedYieldTasks_.empty(); }
@@ -168,15 +224,38 @@ class ORUQUARN_API TaskScheduler : public std::enable_shared_from_this<TaskSched
    void timerRunningCountInc( const TaskTimeStamp& now );
    void timerRunningCountDec( const TaskTimeStamp& now );
 
+   // Ends a reset for good: what a destructor does first, while the scheduler can still let go of
+   // the task that does it.
+   void _abandonReset();
+
+   // Whether an operation on a task may call out, here or further up: a task that becomes busy
+   // makes its scheduler busy, and a group the task that runs it.
+   bool _anyBusyCallbacks() const {
+      for( TaskScheduler const* s = this; s; s = s->enclosing_ ) {
+         if( !s->busyCallbacks_.empty() ) {
+            return true;
+         }
+      }
+      return false;
+   }
+
+   // The scheduler whose task this one is; null for a root. Kept alive by the group.
+   TaskScheduler* enclosing_ = nullptr;
+
    using RegisteredTasks = IntrusiveBookmarkLinkedList<TaskImpl, &TaskImpl::taskRegisteredLink_>;
    const RegisteredTasks& registeredTasks() const { return registeredTasks_; }
 
  private:
    friend class _TaskBase;
+   friend class FileDescriptorTask;
    friend class TaskImpl;
+   friend class TaskGroup;
    friend class TaskSchedulerRoot;
+   friend class TimerTask;
    friend class CurrentlyRunningTaskAnchor;
    friend class PreserveCurrentlyRunningTaskAnchor;
+
+   class ResetStatsTask;
 
    using RunQueue = IntrusiveBookmarkLinkedList<TaskImpl, &TaskImpl::taskRunQueueLink_>;
 
@@ -205,6 +284,8 @@ class ORUQUARN_API TaskScheduler : public std::enable_shared_from_this<TaskSched
    void runEntered( const TaskTimeStamp& now );
    void recoverFromException() noexcept;
    TaskImpl* _findTask( std::string_view name ) const;
+   TaskPriority _statsTaskPriority() const;
+   void _resetWalk( ResetStatsTask& task );
 
    const PerPriority& _of( TaskPriority priority ) const {
       return perPriority_[ priority.value() ];
@@ -216,6 +297,10 @@ class ORUQUARN_API TaskScheduler : public std::enable_shared_from_this<TaskSched
    TaskSchedulerRoot* root_;
    std::shared_ptr<TaskSchedulerHistory> history_;
    RegisteredTasks registeredTasks_;
+   // Where a reset has come to; linked while one is under way.
+   IntrusiveListBookmark resetBookmark_;
+   // Made for the first reset and kept.
+   std::shared_ptr<ResetStatsTask> resetStatsTask_;
    std::array<PerPriority, priorities> perPriority_;
    TaskTimeStamp lastRunEndTime_;
    TaskTimeStamp lastRunStartTime_;

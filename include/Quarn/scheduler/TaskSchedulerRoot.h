@@ -69,9 +69,8 @@ class ORUQUARN_API TaskSchedulerRoot final : public TaskScheduler,
 
    // Adds and removes a scheduler of this thread.
    //
-   // Errors: fatal when it is there already ("insert failed for ..."), or is not ("delete failed
-   // for
-   //         ...").
+   // Errors: fatal when it is there already ("insert failed for ..."), or is not ("delete
+   //         failed for ...").
    void registerScheduler( TaskScheduler* scheduler );
    void unregisterScheduler( TaskScheduler* scheduler );
 
@@ -83,6 +82,9 @@ class ORUQUARN_API TaskSchedulerRoot final : public TaskScheduler,
    // does.
    void virtualTimeCheck();
    bool virtualTime() const { return virtualTime_; }
+
+   // The counts of each priority, summed over all schedulers of this root.
+   TaskQueueStatsMap queueStatsRoot() const;
 
    // Switches the thread check of this root.
    void threadSanityDisabledIs( bool disabled );
@@ -120,6 +122,10 @@ class ORUQUARN_API TaskSchedulerRoot final : public TaskScheduler,
    // The wheel of the thread's timer tasks. Nothing else belongs on it: it is served before
    // anything else, so a timer that restarts itself at once would starve the loop.
    const std::shared_ptr<TimerWheel>& timerWheelForTest() const { return timerWheel_; }
+   // Has `observer` called with each task of this root's schedulers that is about to run; an empty
+   // function ends it.
+   void runObserverForTestIs( std::function<void( const TaskImpl& )> observer );
+
    // The thread that the root belongs to.
    pthread_t threadId() const { return threadId_; }
 
@@ -127,6 +133,7 @@ class ORUQUARN_API TaskSchedulerRoot final : public TaskScheduler,
    static bool testAllowTaskGroupTasksPermittedMultipleRunsWithVirtualTime;
 
  private:
+   friend class TaskImpl;
    friend class TimerTask;
 
    // Several times a run, so without a call where there is a way: on x86-64 the C library's thread
@@ -153,6 +160,7 @@ class ORUQUARN_API TaskSchedulerRoot final : public TaskScheduler,
    std::uint8_t taskTestYieldRatio_ = 0;
    // Advanced by jittered timer tasks alone, so that a thread's sequence is reproducible.
    unsigned jitterSeed_ = 0;
+   std::function<void( const TaskImpl& )> runObserver_;
 };
 
 // The calling thread's root, "main" on the main thread and "thread:" with the thread's number
