@@ -1,6 +1,7 @@
-// Timers: the timer wheel.
+// Timers: the timer wheel, and the tasks on it.
 
 #pragma once
 
+#include <Quarn/timers/TimerTask.h>
 #include <Quarn/timers/TimerWheel.h>
 #include <Quarn/timers/TimerWheelEvent.h>
