@@ -2,6 +2,7 @@
 
 #pragma once
 
+#include <Quarn/fdtask/FileDescriptorTask.h>
 #include <Quarn/scheduler/CriticalTask.h>
 #include <Quarn/scheduler/Task.h>
 #include <Quarn/scheduler/TaskBase.h>
@@ -9,3 +10,4 @@
 #include <Quarn/scheduler/TaskKey.h>
 #include <Quarn/scheduler/TaskPriority.h>
 #include <Quarn/scheduler/TaskTime.h>
+#include <Quarn/timers/TimerTask.h>
