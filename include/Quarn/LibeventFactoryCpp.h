@@ -9,5 +9,6 @@
 #include <Quarn/platform/EventLoop.h>
 #include <Quarn/platform/EventPriority.h>
 #include <Quarn/platform/Factories.h>
+#include <Quarn/platform/TaskControls.h>
 #include <Quarn/platform/Time.h>
 #include <Quarn/platform/VirtualTime.h>

@@ -19,6 +19,9 @@
 
 namespace Quarn {
 
+class String;
+class TaskPriority;
+class TaskScheduler;
 class TimerWheel;
 
 namespace Platform {
@@ -34,6 +37,20 @@ ORUQUARN_API std::shared_ptr<CallbackControl> getCallbackControl( CallbackHandle
 // before it is destroyed.
 ORUQUARN_API std::shared_ptr<TimerControl> getTimerControl( TimeoutHandler* handler,
                                                             std::shared_ptr<TimerWheel> wheel );
+
+// Controls that run the notification as a task of that scheduler, priority and name; see
+// `platform/TaskControls.h`.
+//
+// Errors: also those of making a task.
+ORUQUARN_API std::shared_ptr<FdControl> getFdControl( FdEventHandler* handler,
+                                                      std::shared_ptr<TaskScheduler> scheduler,
+                                                      TaskPriority priority, String name );
+ORUQUARN_API std::shared_ptr<TimerControl>
+getTimerControl( TimeoutHandler* handler, std::shared_ptr<TaskScheduler> scheduler,
+                 TaskPriority priority, String name );
+ORUQUARN_API std::shared_ptr<CallbackControl>
+getCallbackControl( CallbackHandler* handler, std::shared_ptr<TaskScheduler> scheduler,
+                    TaskPriority priority, String name );
 
 ORUQUARN_API std::shared_ptr<FdControl> getLeFdControl( FdEventHandler* handler );
 ORUQUARN_API std::shared_ptr<TimerControl> getLeTimerControl( TimeoutHandler* handler );
