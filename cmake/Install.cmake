@@ -10,14 +10,14 @@ endif()
 
 include( CMakePackageConfigHelpers )
 
-set( oruquarn_installed OruQuarn Quarn oru timeout netns )
+set( oruquarn_installed OruQuarn OruQuarnTesting Quarn oru timeout netns )
 set( oruquarn_package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/OruQuarn )
 
 # The libraries lie side by side, so each finds the others in its own folder.
 set_target_properties( ${oruquarn_installed} PROPERTIES INSTALL_RPATH "\$ORIGIN" )
 
-# The headers of these three need it; those of the other two are C.
-foreach( target OruQuarn Quarn oru )
+# The headers of these need it; those of the other two are C.
+foreach( target OruQuarn OruQuarnTesting Quarn oru )
    target_compile_features( ${target} INTERFACE cxx_std_20 )
 endforeach()
 
@@ -49,7 +49,7 @@ install( FILES
       ${PROJECT_BINARY_DIR}/OruQuarnConfigVersion.cmake
    DESTINATION ${oruquarn_package_dir} )
 
-# The pkg-config file says where it lies itself, and the rest from there.
+# The pkg-config files say where they lie themselves, and the rest from there.
 set( oruquarn_pc_dir ${CMAKE_INSTALL_LIBDIR}/pkgconfig )
 foreach( kind prefix libdir includedir )
    if( kind STREQUAL "prefix" )
@@ -68,5 +68,7 @@ foreach( kind prefix libdir includedir )
       set( OruQuarn_pc_${kind} "\${pcfiledir}/${up}" )
    endif()
 endforeach()
-configure_file( cmake/OruQuarn.pc.in ${PROJECT_BINARY_DIR}/OruQuarn.pc @ONLY )
-install( FILES ${PROJECT_BINARY_DIR}/OruQuarn.pc DESTINATION ${oruquarn_pc_dir} )
+foreach( package OruQuarn OruQuarn-testing )
+   configure_file( cmake/${package}.pc.in ${PROJECT_BINARY_DIR}/${package}.pc @ONLY )
+   install( FILES ${PROJECT_BINARY_DIR}/${package}.pc DESTINATION ${oruquarn_pc_dir} )
+endforeach()

@@ -10,7 +10,7 @@ function( oruquarn_library target )
       target_link_options( ${target} PRIVATE -Wl,--no-undefined )
    endif()
    target_include_directories( ${target} PUBLIC $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}> )
-   if( target STREQUAL "OruQuarn" )
+   if( target MATCHES "^OruQuarn" )
       target_include_directories( ${target} PUBLIC
          $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include> )
    else()

@@ -1,11 +1,11 @@
 // What a run costs, counted instead of timed: allocations, polls, clock reads.
 
 #include "support/AllocationCount.h"
-#include "support/Clocks.h"
 #include "support/Tasks.h"
 
 #include <Quarn/LibeventFactoryCpp.h>
 #include <Quarn/TimerWheelCpp.h>
+#include <Quarn/testing/Clocks.h>
 
 #include <gtest/gtest.h>
 
@@ -40,11 +40,11 @@ extern "C" __attribute__( ( visibility( "default" ) ) ) pid_t getpid() {
 namespace {
 
 using namespace Quarn;
+using Quarn::Testing::ManualSteadyClock;
+using Quarn::Testing::ManualTimerClock;
 using testing_support::allocationsOf;
 using testing_support::FunctionTask;
 using testing_support::makeTask;
-using testing_support::ManualSteadyClock;
-using testing_support::ManualTimerClock;
 
 class Counting : public Task {
  public:

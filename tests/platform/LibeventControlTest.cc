@@ -102,8 +102,7 @@ struct Pipe {
    int ends[ 2 ];
 };
 
-// ---------------------------------------------------------------------------------------
-// descriptors
+// ------------------------------------------------------------------------------------ descriptors
 
 TEST( FdControlTest, WatchesReadsFromTheStartOnceThereIsADescriptor ) {
    Fds handler;
@@ -417,8 +416,7 @@ TEST( ExceptionRuleTest, NestedLoopIsRefused ) {
    EXPECT_EQ( handler.fired, 2 ) << "and the mark is gone with the refusal";
 }
 
-// --------------------------------------------------------------------------------------------
-// loops
+// ------------------------------------------------------------------------------------------ loops
 
 TEST( EventLoopTest, BreakOfZeroComesBehindEverythingDue ) {
    Timeouts handler;
@@ -466,8 +464,7 @@ TEST( EventLoopTest, WaitHoldsTheActivityLockAndReleasesItByExceptionToo ) {
    EXPECT_FALSE( Loco::owns_loco() );
 }
 
-// --------------------------------------------------------------------------------------------
-// bases
+// ------------------------------------------------------------------------------------------ bases
 
 TEST( EventBaseTest, OneBaseForEachThread ) {
    EXPECT_FALSE( leInitialized() );

@@ -1,6 +1,5 @@
 // The root and the event loop together.
 
-#include "support/Clocks.h"
 #include "support/Fatal.h"
 #include "support/Tasks.h"
 #include "support/TraceCapture.h"

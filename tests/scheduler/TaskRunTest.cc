@@ -1,11 +1,11 @@
 // Running tasks: accounting, yielding, exceptions, lifetimes, critical runs.
 
-#include "support/Clocks.h"
 #include "support/Fatal.h"
 #include "support/Tasks.h"
 #include "support/TraceCapture.h"
 
 #include <Quarn/Debug.h>
+#include <Quarn/testing/Clocks.h>
 
 #include <Oru/ActivityManager.h>
 
@@ -18,13 +18,13 @@ namespace {
 
 using namespace Quarn;
 using namespace std::chrono_literals;
+using Quarn::Testing::ManualSteadyClock;
+using Quarn::Testing::ManualTimerClock;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing_support::FunctionTask;
 using testing_support::historyOf;
 using testing_support::makeTask;
-using testing_support::ManualSteadyClock;
-using testing_support::ManualTimerClock;
 using testing_support::TraceCapture;
 
 class TaskRunTest : public testing::Test {
@@ -373,8 +373,7 @@ TEST_F( TaskRunTest, RunAndRecordKeepsTheBooksOfARealRun ) {
    EXPECT_EQ( root->maxRunGap(), 9ms ) << "counted from the end of the run before";
 }
 
-// ------------------------------------------------------------------------------------ critical
-// runs
+// ---------------------------------------------------------------------------------- critical runs
 
 TEST_F( TaskRunTest, CriticalTasksRunInsideANormalOne ) {
    auto normal = task( TaskPriority::normal, "normal" );

@@ -1,6 +1,5 @@
 // Values, registration, queues and the life of a task.
 
-#include "support/Clocks.h"
 #include "support/Fatal.h"
 #include "support/Tasks.h"
 #include "support/TraceCapture.h"
@@ -24,7 +23,6 @@ using testing::HasSubstr;
 using testing_support::FunctionTask;
 using testing_support::historyOf;
 using testing_support::makeTask;
-using testing_support::ManualSteadyClock;
 using testing_support::TraceCapture;
 
 TEST( TaskPriorityTest, TextsAndCharacters ) {

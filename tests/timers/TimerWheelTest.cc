@@ -1,8 +1,8 @@
 #include <Quarn/Debug.h>
 #include <Quarn/LibeventFactoryCpp.h>
 #include <Quarn/TimerWheelCpp.h>
+#include <Quarn/testing/Clocks.h>
 
-#include "support/Clocks.h"
 #include "support/Fatal.h"
 #include "support/TraceCapture.h"
 
@@ -18,9 +18,9 @@
 namespace {
 
 using namespace Quarn;
+using Quarn::Testing::ManualTimerClock;
 using testing::ElementsAre;
 using testing::HasSubstr;
-using testing_support::ManualTimerClock;
 using testing_support::TraceCapture;
 
 constexpr double infinity = std::numeric_limits<double>::infinity();

@@ -1,4 +1,7 @@
 // Clocks that stand still until a test moves them.
+//
+// They take the place of a clock of the process while they live: one of each kind at a time, and no
+// other thread that reads the time when they come and go.
 
 #pragma once
 
@@ -7,33 +10,37 @@
 
 #include <Oru/System.h>
 
+#include <chrono>
 #include <cstdint>
 
-namespace testing_support {
+namespace Quarn::Testing {
 
 // Replaces the steady clock of task accounting and the processor's time-stamp counter, which both
-// follow one value, one tick a nanosecond. One at a time.
+// follow one value, one tick a nanosecond.
+//
+//     Quarn::Testing::ManualSteadyClock clock;
+//     clock.advance( std::chrono::milliseconds( 11 ) ); // say, in the body of a task
 class ManualSteadyClock {
  public:
    explicit ManualSteadyClock( std::chrono::nanoseconds start = std::chrono::seconds( 1000 ) ) {
       now_ = start;
       reads_ = 0;
-      Quarn::taskClockForTestIs( [] {
+      taskClockForTestIs( [] {
          ++reads_;
-         return Quarn::TaskTimeStamp( now_ );
+         return TaskTimeStamp( now_ );
       } );
-      Quarn::Rdtsc::sourceForTestIs( [] { return static_cast<std::uint64_t>( now_.count() ); },
-                                     1e9 );
+      Rdtsc::sourceForTestIs( [] { return static_cast<std::uint64_t>( now_.count() ); }, 1e9 );
    }
    ~ManualSteadyClock() {
-      Quarn::taskClockForTestIs( nullptr );
-      Quarn::Rdtsc::sourceForTestIs( nullptr, 0 );
+      taskClockForTestIs( nullptr );
+      Rdtsc::sourceForTestIs( nullptr, 0 );
    }
    ManualSteadyClock( const ManualSteadyClock& ) = delete;
    ManualSteadyClock& operator=( const ManualSteadyClock& ) = delete;
 
    void advance( std::chrono::nanoseconds by ) { now_ += by; }
-   // How often the steady clock was read.
+
+   // How often the steady clock was read; the counter is not.
    unsigned reads() const { return reads_; }
 
  private:
@@ -41,7 +48,9 @@ class ManualSteadyClock {
    static inline unsigned reads_ = 0;
 };
 
-// Replaces the clock of timers. One at a time.
+// Replaces the clock of timers, `Quarn::time()`, to which a thread's virtual-time offset is still
+// added. In seconds. The event loop has a clock of its own, so this one is for timers that the test
+// delivers itself; where the loop delivers them, `VirtualTimeLoop` moves both.
 class ManualTimerClock {
  public:
    explicit ManualTimerClock( double start = 1.75e9 ) {
@@ -60,4 +69,4 @@ class ManualTimerClock {
    static inline double now_ = 0.0;
 };
 
-} // namespace testing_support
+} // namespace Quarn::Testing
