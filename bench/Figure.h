@@ -73,7 +73,10 @@ class PlainSides final : public Sides {
 // The figures, in the order of the report.
 void taskFigures( std::vector<Figure>& figures );
 void timerFigures( std::vector<Figure>& figures );
+void timerTaskFigures( std::vector<Figure>& figures );
 void wheelFigures( std::vector<Figure>& figures );
+void fdFigures( std::vector<Figure>& figures );
+void statsFigures( std::vector<Figure>& figures );
 void pathFigures( std::vector<Figure>& figures );
 
 } // namespace bench

@@ -154,7 +154,10 @@ int run( int argc, char** argv ) {
    std::vector<Figure> figures;
    taskFigures( figures );
    timerFigures( figures );
+   timerTaskFigures( figures );
    wheelFigures( figures );
+   fdFigures( figures );
+   statsFigures( figures );
    pathFigures( figures );
 
    Stage stage;

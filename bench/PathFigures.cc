@@ -22,8 +22,7 @@ namespace {
 constexpr std::int64_t calls = 100'000;
 constexpr std::int64_t systemCalls = 5000;
 
-// -------------------------------------------------------------------------------------- yield
-// check
+// ------------------------------------------------------------------------------------ yield check
 
 // The quantum is out of reach: once it has passed every call looks at the clock.
 class AskingTask : public Quarn::Task {
@@ -59,8 +58,7 @@ Time readCounter() {
    } );
 }
 
-// ------------------------------------------------------------------------------------ disabled
-// trace
+// --------------------------------------------------------------------------------- disabled trace
 
 constexpr unsigned short disabledLevel = 8;
 
@@ -90,8 +88,7 @@ constexpr unsigned short disabledLevel = 8;
    } );
 }
 
-// ------------------------------------------------------------------------------------------
-// history
+// ---------------------------------------------------------------------------------------- history
 
 constexpr std::uint32_t historyEntries = 100;
 // Prime to the capacity, so that a slot never gets the identifier that it held.
@@ -160,8 +157,7 @@ class HistorySides final : public Sides {
    RecordRing ring_;
 };
 
-// -------------------------------------------------------------------------------------- system
-// call
+// ------------------------------------------------------------------------------------ system call
 
 Time askProcessId() {
    return timed( [] {

@@ -15,6 +15,8 @@ namespace {
 constexpr std::int64_t turns = 2000;
 constexpr std::int64_t crowdSize = 1'000'000;
 constexpr std::int64_t fewRuns = 200'000;
+constexpr std::int64_t groupMembers = 1000;
+constexpr std::int64_t memberRuns = 20'000;
 constexpr std::int64_t criticalTasks = 1000;
 constexpr std::int64_t criticalDrains = 2;
 
@@ -127,8 +129,53 @@ class CrowdSides final : public Sides {
    Crowd few_{ 10 };
 };
 
-// ----------------------------------------------------------------------------------- critical
-// tasks
+// ------------------------------------------------------------------------------------------ groups
+
+// Members of one group that are all queued, always. Suspending the group ends the loop.
+class GroupSides final : public Sides {
+ public:
+   GroupSides() {
+      group_->taskGroupQuantumIs( std::chrono::milliseconds( 20 ) );
+      group_->taskGroupSuspendedIs( true );
+      for( std::int64_t i = 0; i < groupMembers; ++i ) {
+         members_.push_back( std::make_shared<Member>( *this ) );
+         members_.back()->scheduleTask();
+      }
+   }
+
+   Time ours() override {
+      left_ = memberRuns;
+      group_->taskGroupSuspendedIs( false );
+      return timed( [] { Quarn::doLeEventLoop(); } );
+   }
+   Time floor() override { return plain_->run( turns ); }
+
+ private:
+   class Member final : public Quarn::Task {
+    public:
+      explicit Member( GroupSides& sides )
+            : Task( sides.group_, Quarn::TaskPriority::normal, "BenchGroupMemberTask" ),
+              sides_( sides ) {}
+
+    private:
+      void taskExecute() override {
+         scheduleTask();
+         if( --sides_.left_ == 0 ) {
+            sides_.group_->taskGroupSuspendedIs( true );
+         }
+      }
+
+      GroupSides& sides_;
+   };
+
+   std::shared_ptr<Quarn::TaskGroup> group_ = Quarn::TaskGroup::TaskGroupIs(
+         "BenchGroup", Quarn::TaskPriority::normal, false, Quarn::schedulerRootQuarn() );
+   std::vector<std::shared_ptr<Member>> members_;
+   std::int64_t left_ = 0;
+   std::shared_ptr<AgainTask> plain_ = std::make_shared<AgainTask>();
+};
+
+// ---------------------------------------------------------------------------------- critical tasks
 
 class IdleTask final : public Quarn::Task {
  public:
@@ -168,8 +215,7 @@ class CriticalSides final : public Sides {
    BareTurn bare_;
 };
 
-// ------------------------------------------------------------------------------------ without a
-// loop
+// --------------------------------------------------------------------------------- without a loop
 
 class PickRunSides final : public Sides {
  public:
@@ -199,6 +245,8 @@ void taskFigures( std::vector<Figure>& figures ) {
                         [] { return std::make_unique<TurnSides>( false ); }, manySlices } );
    figures.push_back(
          { "turn_1m", 1.15, crowdSize, fewRuns, [] { return std::make_unique<CrowdSides>(); } } );
+   figures.push_back( { "group_member", 0.6, memberRuns, turns,
+                        [] { return std::make_unique<GroupSides>(); }, manySlices } );
    figures.push_back( { "critical_drain", 0.55, criticalTasks * criticalDrains, turns,
                         [] { return std::make_unique<CriticalSides>(); }, manySlices } );
    figures.push_back( { "turn_single_thread", std::nullopt, turns, turns,
