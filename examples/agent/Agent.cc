@@ -1,38 +1,110 @@
 #include "examples/agent/Agent.h"
 
+#include <Quarn/LibeventFactoryCpp.h>
+
 #include <fmt/format.h>
 
-#include <algorithm>
+#include <chrono>
 #include <cstring>
+#include <limits>
 
 namespace HostAgent {
+
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr Rhythm loadRhythm{ 5.0, 20 };
+constexpr Rhythm namesRhythm{ 3600.0, 20 };
+
+std::shared_ptr<Quarn::TaskGroup>
+makeSamplesGroup( const std::shared_ptr<Quarn::TaskSchedulerRoot>& root ) {
+   auto group = Quarn::TaskGroup::TaskGroupIs( "samples", Quarn::TaskPriority::low, false, root );
+   group->taskGroupQuantumIs( 50ms );
+   group->defaultTaskQuantumIs( 10ms );
+   return group;
+}
+
+} // namespace
+
+// Ends the run when the time is over. It fires once more at the very end: the wheel's pass for it
+// finds no other timer, and disarms the wheel's own. Stopping timers leaves that set, and it would
+// keep a loop that ends when nothing is pending.
+class Agent::EndTimer final : public Quarn::TimerTask {
+ public:
+   explicit EndTimer( Agent& agent )
+         : TimerTask( agent.root_, Quarn::TaskPriority::normal, "EndTimer" ),
+           agent_( agent ) {}
+
+   void fireLast() { scheduleTaskDelay( -1.0 ); }
+
+ private:
+   void taskExecute() override {
+      if( agent_.stopReason().empty() ) {
+         agent_.stop( "time is over" );
+      } else {
+         // The scheduler holds this task for the run, and keeps its counters for the report.
+         agent_.endTimer_.reset();
+      }
+   }
+
+   Agent& agent_;
+};
 
 Agent::Agent( const Options& options, const std::string& procFolder )
       : options_( options ),
         debug_( Quarn::Platform::getDebugHandler( "HostAgent", false ) ),
         signals_(
               [ this ]( int signal ) { stop( fmt::format( "SIG{}", sigabbrev_np( signal ) ) ); } ),
+        load_( procFolder ),
         root_( Quarn::schedulerRootQuarn() ),
+        samples_( makeSamplesGroup( root_ ) ),
         userSummary_( std::make_shared<UserSummary>( root_, &userNames_ ) ),
         topList_( std::make_shared<TopList>( root_, options.top ) ),
         walk_( std::make_shared<ProcessWalk>(
-              root_, procFolder,
+              samples_, procFolder,
               [ this ]( const std::shared_ptr<const ProcessTable>& table ) {
                  _publish( table );
               } ) ),
-        beatTimer_( [ this ] { _beat(); } ),
-        endTimer_( [ this ] { stop( "time is over" ); } ) {}
+        walkTimer_( std::make_shared<SampleTimer>(
+              root_, Quarn::TaskPriority::normal, "WalkTimer",
+              Rhythm{ options.intervalSeconds, static_cast<std::uint8_t>( options.jitterPercent ) },
+              [ this ] { _walkBeat(); } ) ),
+        loadTimer_( std::make_shared<SampleTimer>( samples_, Quarn::TaskPriority::low, "LoadTimer",
+                                                   loadRhythm, [ this ] { load_.take(); } ) ),
+        namesTimer_( std::make_shared<SampleTimer>( root_, Quarn::TaskPriority::scavenge,
+                                                    "NamesTimer", namesRhythm,
+                                                    [ this ] { userNames_.forget(); } ) ),
+        linkWatch_( std::make_shared<LinkWatch>( root_, &eventLog_ ) ),
+        endTimer_( std::make_shared<EndTimer>( *this ) ) {
+   if( !options.watchFolder.empty() ) {
+      folderWatch_ = std::make_shared<FolderWatch>( root_, options.watchFolder, &eventLog_ );
+   }
+   if( options.fastForwardHours > 0.0 ) {
+      fastForward_.emplace();
+   }
+}
+
+Quarn::TaskTimeDuration Agent::timerTime() const {
+   return std::chrono::duration_cast<Quarn::TaskTimeDuration>(
+         std::chrono::duration<double>( timerEnd_ - timerStart_ ) );
+}
 
 void Agent::run() {
    start_ = Quarn::taskTimeNow();
-   nextBeat_ = Quarn::time();
-   if( options_.seconds > 0.0 ) {
-      endTimer_.start( options_.seconds );
+   timerStart_ = Quarn::time();
+   const double seconds = fastForward() ? options_.fastForwardHours * 3600.0 : options_.seconds;
+   if( seconds > 0.0 ) {
+      endTimer_->scheduleTaskDelay( seconds );
    }
-   _walkStart();
-   _beatArm();
+   for( const auto& timer : { walkTimer_, loadTimer_, namesTimer_ } ) {
+      timer->start();
+   }
+   // The plain loop jumps to its first timer only and then goes on in real time.
+   while( fastForward() && stopReason_.empty() ) {
+      Quarn::eventLoopFastForwardToFirstTimer( std::numeric_limits<double>::infinity() );
+   }
    Quarn::Platform::doEventLoop();
-   end_ = Quarn::taskTimeNow();
 }
 
 void Agent::stop( std::string_view reason ) {
@@ -40,11 +112,19 @@ void Agent::stop( std::string_view reason ) {
       return;
    }
    stopReason_ = reason;
+   end_ = Quarn::taskTimeNow();
+   timerEnd_ = Quarn::time();
    QUARN_FMTRACE( *debug_, 2, "Agent", "ends: {}", reason );
-   beatTimer_.stop();
-   endTimer_.stop();
+   for( const auto& timer : { walkTimer_, loadTimer_, namesTimer_ } ) {
+      timer->stop();
+   }
    signals_.stop();
+   linkWatch_->stop();
+   if( folderWatch_ ) {
+      folderWatch_->stop();
+   }
    walk_->walkStop();
+   endTimer_->fireLast();
 }
 
 void Agent::_publish( const std::shared_ptr<const ProcessTable>& table ) {
@@ -52,24 +132,11 @@ void Agent::_publish( const std::shared_ptr<const ProcessTable>& table ) {
    topList_->tableIs( table );
 }
 
-void Agent::_walkStart() {
+void Agent::_walkBeat() {
    if( !walk_->walkStart() ) {
       ++walksSkipped_;
       QUARN_FMTRACE( *debug_, 3, "Agent", "the last walk is not finished; skipped one" );
    }
-}
-
-void Agent::_beat() {
-   _beatArm();
-   _walkStart();
-}
-
-void Agent::_beatArm() {
-   // Beats keep to a grid, so that lateness does not add up. One that was missed altogether,
-   // because the machine slept for example, moves the grid instead of being made up for.
-   const double now = Quarn::time();
-   nextBeat_ = std::max( nextBeat_ + options_.intervalSeconds, now );
-   beatTimer_.start( nextBeat_ - now );
 }
 
 } // namespace HostAgent

@@ -2,9 +2,11 @@
 
 #include "examples/agent/Agent.h"
 #include "examples/agent/ProcText.h"
+#include "examples/agent/TaskReport.h"
 #include "examples/agent/TextTable.h"
 
 #include <fmt/format.h>
+#include <fmt/ostream.h>
 
 #include <chrono>
 #include <limits>
@@ -91,40 +93,102 @@ void renderTop( std::ostream& out, Agent& agent ) {
    table.render( out );
 }
 
-void renderTasks( std::ostream& out, const Agent& agent ) {
+void renderTimers( std::ostream& out, const Agent& agent ) {
    TextTable table;
-   table.columnAdd( "task", Align::left );
-   table.columnAdd( "priority", Align::left );
-   table.columnAdd( "runs", Align::right );
-   table.columnAdd( "total run", Align::right );
-   table.columnAdd( "longest run", Align::right );
-   table.columnAdd( "largest wait", Align::right );
-   for( Quarn::TaskImpl const* task :
-        { static_cast<Quarn::TaskImpl const*>( &agent.walk() ),
-          static_cast<Quarn::TaskImpl const*>( &agent.userSummary() ),
-          static_cast<Quarn::TaskImpl const*>( &agent.topList() ) } ) {
-      const Quarn::TaskStat stat = task->getStats();
-      table.rowAdd(
-            { stat.taskName().stdString(), stat.taskPriority().toStrep().stdString(),
-              std::to_string( stat.taskRunCount() ),
-              Quarn::durationToString( stat.taskTotalRunTime() ).stdString(),
-              Quarn::durationToString( stat.taskRunTimeHighWaterMark() ).stdString(),
-              Quarn::durationToString( stat.taskSchedulingLatencyHighWaterMark() ).stdString() } );
+   table.columnAdd( "timer", Align::left );
+   table.columnAdd( "at most every", Align::right );
+   table.columnAdd( "jitter", Align::right );
+   table.columnAdd( "samples", Align::right );
+   for( SampleTimer const* timer : agent.timers() ) {
+      table.rowAdd( { timer->taskName().stdString(),
+                      fmt::format( "{} s", timer->rhythm().intervalSeconds ),
+                      fmt::format( "{}%", timer->rhythm().jitterPercent ),
+                      std::to_string( timer->taskRunCount() ) } );
    }
    table.render( out );
+}
+
+void renderLoad( std::ostream& out, const LoadSample& load ) {
+   if( load.taken() == 0 ) {
+      out << "Load average: not readable\n";
+      return;
+   }
+   fmt::print( out, "Load average over a minute: last {:.2f}, least {:.2f}, most {:.2f}\n",
+               load.last(), load.least(), load.most() );
+}
+
+void renderLinks( std::ostream& out, const LinkWatch& watch ) {
+   if( !watch.refusal().empty() ) {
+      fmt::print( out, "Links: not watched: {}\n", watch.refusal() );
+      return;
+   }
+   const LinkTable& links = watch.links();
+   fmt::print( out, "Links: {} went up, {} went down; news lost {} times, malformed {}\n",
+               links.ups(), links.downs(), watch.overruns(), watch.malformed() );
+   TextTable table;
+   table.columnAdd( "link", Align::left );
+   table.columnAdd( "state", Align::left );
+   table.columnAdd( "went up", Align::right );
+   table.columnAdd( "went down", Align::right );
+   for( const auto& [ index, link ] : links.links() ) {
+      table.rowAdd( { printable( link.name ), link.up ? "up" : "down", std::to_string( link.ups ),
+                      std::to_string( link.downs ) } );
+   }
+   table.render( out );
+}
+
+void renderFolder( std::ostream& out, const std::string& folder, const FolderWatch& watch ) {
+   fmt::print( out, "\nFolder {}: {} entries created, {} removed, {} files written{}; ",
+               printable( folder ), watch.created(), watch.removed(), watch.written(),
+               watch.ended() ? ", watch ended" : "" );
+   fmt::print( out, "events lost {} times, malformed {}\n", watch.overruns(), watch.malformed() );
+}
+
+void renderEvents( std::ostream& out, const EventLog& log ) {
+   if( log.events().empty() ) {
+      return;
+   }
+   TextTable table;
+   table.columnAdd( "at", Align::right );
+   table.columnAdd( "event", Align::left );
+   table.columnAdd( "name", Align::left );
+   for( const EventLog::Event& event : log.events() ) {
+      table.rowAdd(
+            { fmt::format( "{:.3f} s", event.seconds ), event.what, printable( event.name ) } );
+   }
+   fmt::print( out, "\nLast events, up to {}\n", EventLog::capacity );
+   table.render( out );
+}
+
+void renderHead( std::ostream& out, const Agent& agent ) {
+   if( agent.fastForward() ) {
+      out << "Ran for " << Quarn::durationToString( agent.timerTime() )
+          << " of virtual time, which took " << Quarn::durationToString( agent.runTime() );
+   } else {
+      out << "Ran for " << Quarn::durationToString( agent.runTime() );
+   }
+   out << ", ended: " << agent.stopReason() << "\n\n";
 }
 
 } // namespace
 
 void renderReport( std::ostream& out, Agent& agent ) {
-   out << "Ran for " << Quarn::durationToString( agent.runTime() )
-       << ", ended: " << agent.stopReason() << "\n\n";
+   renderHead( out, agent );
+   renderTimers( out, agent );
+   out << '\n';
    renderCounts( out, agent );
    out << "\nUsers, processor time since the walk before\n";
    renderUsers( out, agent );
    out << "\nBusiest processes since the walk before\n";
    renderTop( out, agent );
-   out << "\nTasks of this agent\n";
+   out << '\n';
+   renderLoad( out, agent.load() );
+   out << '\n';
+   renderLinks( out, agent.linkWatch() );
+   if( FolderWatch const* const folder = agent.folderWatch() ) {
+      renderFolder( out, agent.options().watchFolder, *folder );
+   }
+   renderEvents( out, agent.eventLog() );
    renderTasks( out, agent );
    out << '\n';
    agent.scheduler().historyRenderTextForDebug( out );

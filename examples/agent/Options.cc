@@ -42,6 +42,24 @@ std::string checkInterval( const std::string& text ) {
                 : fmt::format( "'{}' is not a number of seconds above 0 and up to 3600", text );
 }
 
+std::string checkHours( const std::string& text ) {
+   const auto hours = numberOf<double>( text );
+   return hours && *hours > 0.0 && *hours <= 10000.0
+                ? std::string()
+                : fmt::format( "'{}' is not a number of hours above 0 and up to 10000", text );
+}
+
+std::string checkJitter( const std::string& text ) {
+   const auto percent = numberOf<unsigned>( text );
+   return percent && *percent <= 50
+                ? std::string()
+                : fmt::format( "'{}' is not a whole number of percent from 0 to 50", text );
+}
+
+std::string checkFolder( const std::string& text ) {
+   return text.empty() ? "the name of the folder is empty" : std::string();
+}
+
 std::string checkTop( const std::string& text ) {
    const auto rows = numberOf<unsigned>( text );
    return rows && *rows >= 1 && *rows <= 10000
@@ -54,23 +72,38 @@ std::string checkTop( const std::string& text ) {
 std::variant<Options, ExitCode> optionsFromCommandLine( int argc, char const* const* argv,
                                                         std::ostream& out, std::ostream& err ) {
    Options options;
-   CLI::App app( "Watches the processes of this host and reports who uses it.", "host-agent" );
-   app.add_option( "--seconds", options.seconds, "How long to run; 0 runs until SIGINT or SIGTERM" )
-         ->check( CLI::Validator( checkSeconds, "" ) )
-         ->type_name( "N" )
-         ->capture_default_str();
+   CLI::App app( "Watches the processes and links of this host and reports who uses it.",
+                 "host-agent" );
+   auto* const seconds = app.add_option( "--seconds", options.seconds,
+                                         "How long to run; 0 runs until SIGINT or SIGTERM" )
+                               ->check( CLI::Validator( checkSeconds, "" ) )
+                               ->type_name( "N" )
+                               ->capture_default_str();
+   auto* const hours =
+         app.add_option( "--fast-forward", options.fastForwardHours,
+                         "Run for hours of virtual time instead, jumping from timer to timer" )
+               ->check( CLI::Validator( checkHours, "" ) )
+               ->type_name( "HOURS" );
    app.add_option( "--interval", options.intervalSeconds,
-                   "Seconds from the start of one walk over the processes to the next" )
+                   "Seconds from one walk over the processes to the next" )
          ->check( CLI::Validator( checkInterval, "" ) )
          ->type_name( "S" )
+         ->capture_default_str();
+   app.add_option( "--jitter", options.jitterPercent,
+                   "Percent by which --interval is shortened, at random each time" )
+         ->check( CLI::Validator( checkJitter, "" ) )
+         ->type_name( "PERCENT" )
          ->capture_default_str();
    app.add_option( "--top", options.top, "Rows of the list of busiest processes" )
          ->check( CLI::Validator( checkTop, "" ) )
          ->type_name( "N" )
          ->capture_default_str();
+   app.add_option( "--watch-folder", options.watchFolder, "Watch the entries of a folder too" )
+         ->check( CLI::Validator( checkFolder, "" ) )
+         ->type_name( "PATH" );
    app.add_option( "--trace", options.trace,
                    "Trace settings, as in the environment variable TRACE" )
-         ->type_name( "SPEC" );
+         ->type_name( "SETTINGS" );
    app.set_version_flag( "--version", "host-agent " HOST_AGENT_VERSION );
    app.failure_message( []( CLI::App const*, const CLI::Error& error ) {
       // The text repeats what the user typed.
@@ -78,6 +111,9 @@ std::variant<Options, ExitCode> optionsFromCommandLine( int argc, char const* co
    } );
    try {
       app.parse( argc, argv );
+      if( seconds->count() != 0 && hours->count() != 0 ) {
+         throw CLI::ExcludesError( "--fast-forward", "--seconds" );
+      }
    } catch( const CLI::ParseError& error ) {
       return ExitCode{ app.exit( error, out, err ) == 0 ? 0 : exitUsage };
    }

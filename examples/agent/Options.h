@@ -11,10 +11,16 @@ namespace HostAgent {
 struct Options {
    // How long to run, 0 for until a signal comes.
    double seconds = 10.0;
-   // From the start of one walk to that of the next.
+   // Hours of virtual time to run instead, 0 for real time.
+   double fastForwardHours = 0.0;
+   // The longest time from the start of one walk to that of the next, and by how much it may be
+   // shorter.
    double intervalSeconds = 1.0;
+   unsigned jitterPercent = 10;
    // Rows of the top list.
    unsigned top = 10;
+   // Whose entries are watched; empty for none.
+   std::string watchFolder;
    // Trace settings, in the syntax of the environment variable TRACE.
    std::string trace;
 };

@@ -1,5 +1,6 @@
 #include "examples/agent/ProcReader.h"
 
+#include "examples/agent/Descriptor.h"
 #include "examples/agent/ProcText.h"
 
 #include <cerrno>
@@ -14,26 +15,6 @@
 namespace HostAgent {
 
 namespace {
-
-// Closes without touching errno.
-class Descriptor {
- public:
-   explicit Descriptor( int fd ) : fd_( fd ) {}
-   ~Descriptor() {
-      if( fd_ >= 0 ) {
-         const int error = errno;
-         close( fd_ );
-         errno = error;
-      }
-   }
-   Descriptor( const Descriptor& ) = delete;
-   Descriptor& operator=( const Descriptor& ) = delete;
-
-   int get() const { return fd_; }
-
- private:
-   int fd_;
-};
 
 // Opening a file of a process that has ended says the first, reading one the second.
 ProcReader::Step stepOfErrno() {
@@ -70,7 +51,7 @@ ProcReader::Step ProcReader::_read( pid_t pid, char const* entryName, ProcessRec
    char path[ 32 ];
    std::snprintf( path, sizeof( path ), "%d/stat", pid );
    const Descriptor file( openat( folder, path, O_RDONLY | O_CLOEXEC | O_NONBLOCK ) );
-   if( file.get() < 0 ) {
+   if( !file.valid() ) {
       return stepOfErrno();
    }
    // The folder always belongs to the effective user, while the files of a process that forbids

@@ -41,6 +41,20 @@ class Cursor {
       return true;
    }
 
+   // A decimal number with a fraction, or without; no sign, exponent or name of a number.
+   bool takeFraction( double* number ) {
+      if( text_.empty() || text_.front() < '0' || text_.front() > '9' ) {
+         return false;
+      }
+      const auto [ end, error ] = std::from_chars( text_.data(), text_.data() + text_.size(),
+                                                   *number, std::chars_format::fixed );
+      if( error != std::errc() ) {
+         return false;
+      }
+      text_.remove_prefix( static_cast<std::size_t>( end - text_.data() ) );
+      return true;
+   }
+
    // A decimal number of any length and sign.
    bool skipNumber() {
       skip( '-' );
@@ -118,6 +132,20 @@ std::optional<ProcStat> parseProcStat( std::string_view text ) {
       return std::nullopt;
    }
    return stat;
+}
+
+std::optional<double> parseLoadAverage( std::string_view text ) {
+   Cursor cursor( text );
+   double minute = 0.0;
+   double longer = 0.0;
+   // Averages over 1, 5 and 15 minutes, runnable and all threads, and the newest process.
+   if( !cursor.takeFraction( &minute ) || !cursor.skip( ' ' ) || !cursor.takeFraction( &longer ) ||
+       !cursor.skip( ' ' ) || !cursor.takeFraction( &longer ) || !cursor.skip( ' ' ) ||
+       !cursor.skipNumber() || !cursor.skip( '/' ) || !cursor.skipNumber() || !cursor.skip( ' ' ) ||
+       !cursor.skipNumber() || !cursor.skip( '\n' ) || !cursor.atEnd() ) {
+      return std::nullopt;
+   }
+   return minute;
 }
 
 std::optional<pid_t> parsePid( std::string_view entryName ) {

@@ -33,6 +33,9 @@ struct ProcStat {
 // as do numbers that do not fit and user and kernel times whose sum does not.
 std::optional<ProcStat> parseProcStat( std::string_view text );
 
+// The load average over a minute, from the text of /proc/loadavg, its final newline included.
+std::optional<double> parseLoadAverage( std::string_view text );
+
 // The number of the process whose folder has this name; no value for the other entries of /proc.
 std::optional<pid_t> parsePid( std::string_view entryName );
 

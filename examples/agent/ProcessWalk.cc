@@ -9,7 +9,7 @@ namespace HostAgent {
 
 ProcessWalk::ProcessWalk( std::shared_ptr<Quarn::TaskScheduler> scheduler,
                           const std::string& procFolder, Publish publish )
-      : Task( std::move( scheduler ), Quarn::TaskPriority::normal, "ProcessWalk" ),
+      : Task( std::move( scheduler ), Quarn::TaskPriority::low, "ProcessWalk" ),
         debug_( Quarn::Platform::getDebugHandler( "HostAgent", false ) ),
         publish_( std::move( publish ) ),
         reader_( procFolder ) {}

@@ -20,7 +20,8 @@ class ProcessWalk final : public Quarn::Task {
  public:
    using Publish = std::function<void( std::shared_ptr<const ProcessTable> )>;
 
-   // `publish` is called from a run, with the table of every walk that came to its end.
+   // `publish` is called from a run, with the table of every walk that came to its end. The task is
+   // of priority low; a task group that it joins has the same.
    //
    // Errors: `std::system_error` when the folder cannot be opened.
    ProcessWalk( std::shared_ptr<Quarn::TaskScheduler> scheduler, const std::string& procFolder,

@@ -18,6 +18,9 @@ class UserNames {
    // latter is asked again the next time.
    Quarn::String name( uid_t uid );
 
+   // Forgets what it remembers, so that renamed users show by their new names.
+   void forget() { names_.clear(); }
+
  private:
    std::unordered_map<uid_t, Quarn::String> names_;
 };

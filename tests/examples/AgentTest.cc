@@ -4,9 +4,12 @@
 
 #include "examples/ProcFolder.h"
 
+#include <Quarn/LibeventFactoryCpp.h>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <sstream>
 
 #include <signal.h>
@@ -65,6 +68,64 @@ TEST( AgentTest, BeatDuringAWalkIsCountedAndTheWalkGoesOn ) {
    std::ostringstream report;
    renderReport( report, agent );
    EXPECT_THAT( report.str(), HasSubstr( "b\\x1b[2J\n" ) );
+}
+
+TEST( AgentTest, HourOfVirtualTimeTakesEachTimersSamplesAndEnds ) {
+   const ProcFolder folder;
+   folder.processIs( 77, 5 );
+   Options options;
+   options.fastForwardHours = 1.0;
+   options.intervalSeconds = 60.0;
+   options.jitterPercent = 0;
+   {
+      Agent agent( options, folder.path() );
+      agent.run();
+      EXPECT_EQ( agent.stopReason(), "time is over" );
+      EXPECT_GE( agent.timerTime(), std::chrono::hours( 1 ) );
+      EXPECT_LT( agent.runTime(), agent.timerTime() );
+      // At the start and at each full minute but the last, which is the end.
+      EXPECT_EQ( agent.walk().walksDone(), 60u );
+      // Every 4 to 5 seconds.
+      const std::uint64_t loads = agent.load().taken() + agent.load().failed();
+      EXPECT_GE( loads, 720u );
+      EXPECT_LE( loads, 900u );
+      // The folder has no such file.
+      EXPECT_EQ( agent.load().taken(), 0u );
+      std::ostringstream report;
+      renderReport( report, agent );
+      EXPECT_THAT( report.str(), HasSubstr( "Ran for 60min of virtual time, which took " ) );
+      EXPECT_THAT( report.str(), HasSubstr( "Load average: not readable" ) );
+   }
+   EXPECT_FALSE( Quarn::leFastForward() );
+}
+
+TEST( AgentTest, SignalEndsARunOfVirtualTimeBeforeItsTime ) {
+   const ProcFolder folder;
+   Options options;
+   options.fastForwardHours = 10000.0;
+   Agent agent( options, folder.path() );
+   raise( SIGTERM );
+   agent.run();
+   EXPECT_EQ( agent.stopReason(), "SIGTERM" );
+   EXPECT_LT( agent.timerTime(), std::chrono::hours( 10000 ) );
+}
+
+TEST( AgentTest, ReportHasATaskOfTheGroupAndOneThatIsGone ) {
+   const ProcFolder folder;
+   folder.processIs( 77, 5 );
+   Options options;
+   options.fastForwardHours = 0.01;
+   options.watchFolder = folder.path();
+   Agent agent( options, folder.path() );
+   agent.run();
+   std::ostringstream report;
+   renderReport( report, agent );
+   for( char const* row :
+        { "\n  main +TaskGroup;samples +low +task +[1-9]", "\n  samples +ProcessWalk +low +task ",
+          "\n  samples +LoadTimer +low +timer ", "\n  main +FolderWatch:read +normal +task +0 ",
+          "\n  main +EndTimer +normal +gone +[1-9]", "\n  samples +low +0 +2 +0 +[1-9]" } ) {
+      EXPECT_THAT( report.str(), ::testing::ContainsRegex( row ) );
+   }
 }
 
 TEST( TextTableTest, AlignsColumnsAndEndsNoLineInBlanks ) {

@@ -41,6 +41,9 @@ TEST( OptionsTest, ValuesAtTheEdgesAreTaken ) {
    EXPECT_EQ( defaults.seconds, 10.0 );
    EXPECT_EQ( defaults.intervalSeconds, 1.0 );
    EXPECT_EQ( defaults.top, 10u );
+   EXPECT_EQ( defaults.fastForwardHours, 0.0 );
+   EXPECT_EQ( defaults.jitterPercent, 10u );
+   EXPECT_EQ( defaults.watchFolder, "" );
    const auto least = std::get<Options>(
          parse( { "--seconds", "0", "--interval=1e-3", "--top", "1", "--trace", "X/5" } ).parsed );
    EXPECT_EQ( least.seconds, 0.0 );
@@ -49,6 +52,11 @@ TEST( OptionsTest, ValuesAtTheEdgesAreTaken ) {
    EXPECT_EQ( least.trace, "X/5" );
    EXPECT_EQ( std::get<Options>( parse( { "--interval", "3600" } ).parsed ).intervalSeconds,
               3600.0 );
+   const auto others = std::get<Options>(
+         parse( { "--fast-forward=1e-3", "--jitter", "50", "--watch-folder", "a b" } ).parsed );
+   EXPECT_EQ( others.fastForwardHours, 1e-3 );
+   EXPECT_EQ( others.jitterPercent, 50u );
+   EXPECT_EQ( others.watchFolder, "a b" );
 }
 
 TEST( OptionsTest, BadValuesGiveOneLineThatNamesTheOption ) {
@@ -59,6 +67,9 @@ TEST( OptionsTest, BadValuesGiveOneLineThatNamesTheOption ) {
          { "--seconds",
            { "-1", "nan", "inf", "1e999", "1e10", "", "abc", "1x", "0x10", " 1", "1,5" } },
          { "--interval", { "0", "-0", "-1", "nan", "-nan", "inf", "3600.1", "", "1\n2" } },
+         { "--fast-forward", { "0", "-0", "-1", "nan", "inf", "10000.1", "", "1h" } },
+         { "--jitter", { "-1", "51", "256", "1.5", "", "nan", "10%" } },
+         { "--watch-folder", { "" } },
          { "--top", { "0", "-1", "1.5", "10001", "99999999999999999999", "", "nan" } },
    };
    for( const auto& [ option, values ] : cases ) {
@@ -78,7 +89,8 @@ TEST( OptionsTest, UnknownAndIncompleteArgumentsAreErrors ) {
         std::vector<std::vector<char const*>>{ { "--bogus" },
                                                { "extra\nline" },
                                                { "--seconds" },
-                                               { "--top", "1", "--top", "2" } } ) {
+                                               { "--top", "1", "--top", "2" },
+                                               { "--seconds", "10", "--fast-forward", "1" } } ) {
       const Outcome outcome = parse( arguments );
       ASSERT_TRUE( std::holds_alternative<ExitCode>( outcome.parsed ) ) << arguments.front();
       EXPECT_EQ( std::get<ExitCode>( outcome.parsed ).value, exitUsage );
@@ -110,6 +122,21 @@ TEST( ProgramTest, ShortRunReportsAndEndsWithZero ) {
         { "time is over", "processes seen", "UserSummary", "scheduler events" } ) {
       EXPECT_THAT( text, HasSubstr( part ) );
    }
+}
+
+TEST( ProgramTest, HourOfVirtualTimeReportsAndEndsWithZero ) {
+   const auto [ code, text ] = shell( program + "--fast-forward 1 --interval 600 --jitter 0" );
+   EXPECT_EQ( code, 0 );
+   for( char const* part : { "Ran for 60min of virtual time", "WalkTimer", "time is over" } ) {
+      EXPECT_THAT( text, HasSubstr( part ) );
+   }
+}
+
+TEST( ProgramTest, FolderThatCannotBeWatchedIsAFailureWithOneLine ) {
+   const auto [ code, text ] = shell( program + "--watch-folder '/none\n' 2>&1" );
+   EXPECT_EQ( code, 1 );
+   EXPECT_THAT( text, HasSubstr( "cannot watch folder /none" ) );
+   EXPECT_EQ( std::ranges::count( text, '\n' ), 1 ) << text;
 }
 
 TEST( ProgramTest, OutputThatCannotBeWrittenIsAFailureWithOneLine ) {

@@ -123,5 +123,17 @@ TEST( PrintableTest, EscapesWhatCouldSteerATerminal ) {
    EXPECT_EQ( printable( "\\x0a" ), "\\\\x0a" );
 }
 
+TEST( ProcTextTest, LoadAverageIsTheFirstOfAWholeLine ) {
+   EXPECT_EQ( parseLoadAverage( "0.20 0.18 0.12 1/80 11206\n" ), 0.20 );
+   EXPECT_EQ( parseLoadAverage( "1000.00 3 2.5 100/8000 1\n" ), 1000.0 );
+   for( char const* text :
+        { "", "0.20\n", "0.20 0.18 0.12 1/80 11206", "nan 0.18 0.12 1/80 1\n",
+          "inf 0.18 0.12 1/80 1\n", "-0.20 0.18 0.12 1/80 1\n", "0x1 0.18 0.12 1/80 1\n",
+          "1e3 0.18 0.12 1/80 1\n", "0.20 0.18 0.12 1 80 1\n", "0.20 0.18 0.12 1/80 1\nx",
+          " 0.20 0.18 0.12 1/80 1\n" } ) {
+      EXPECT_EQ( parseLoadAverage( text ), std::nullopt ) << text;
+   }
+}
+
 } // namespace
 } // namespace HostAgent

@@ -56,6 +56,25 @@ TEST_F( ProcessWalkTest, GoesOnWhereItYielded ) {
    EXPECT_FALSE( walk->walking() );
 }
 
+TEST_F( ProcessWalkTest, GoesOnInTheNextRunOfItsGroup ) {
+   for( const pid_t pid : { 3, 1, 2 } ) {
+      folder_.processIs( pid, 1 );
+   }
+   const auto group = Quarn::TaskGroup::TaskGroupIs( "group", Quarn::TaskPriority::low, false,
+                                                     Quarn::schedulerRootQuarn() );
+   const auto walk = std::make_shared<ProcessWalk>(
+         group, folder_.path(),
+         [ this ]( std::shared_ptr<const ProcessTable> table ) { tables_.push_back( table ); } );
+   // Has the group yield after each of the walk's runs, too.
+   walk->taskForceYieldInTestIs( true );
+   walk->walkStart();
+   Quarn::doLeEventLoop();
+   ASSERT_EQ( tables_.size(), 1u );
+   EXPECT_THAT( pids(), ElementsAre( 1, 2, 3 ) );
+   EXPECT_EQ( walk->taskRunCount(), 4u );
+   EXPECT_EQ( group->parentTaskRunCount(), 4u );
+}
+
 TEST_F( ProcessWalkTest, SeesEveryProcessOnceWhenAllChangesBetweenItsRuns ) {
    for( pid_t pid = 1; pid <= 200; ++pid ) {
       folder_.processIs( pid, 1 );

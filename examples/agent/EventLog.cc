@@ -1,0 +1,18 @@
+#include "examples/agent/EventLog.h"
+
+#include <Quarn/LibeventFactoryCpp.h>
+
+#include <utility>
+
+namespace HostAgent {
+
+EventLog::EventLog() : start_( Quarn::time() ) {}
+
+void EventLog::add( std::string what, std::string name ) {
+   if( events_.size() == capacity ) {
+      events_.pop_front();
+   }
+   events_.push_back( { Quarn::time() - start_, std::move( what ), std::move( name ) } );
+}
+
+} // namespace HostAgent

@@ -1,0 +1,37 @@
+// The last things that happened on this host while the agent ran.
+
+#pragma once
+
+#include <cstddef>
+#include <deque>
+#include <string>
+
+namespace HostAgent {
+
+// Keeps the newest events only, so that a host where much happens costs no more memory than a quiet
+// one.
+class EventLog {
+ public:
+   static constexpr std::size_t capacity = 20;
+
+   struct Event {
+      // Since the log was made, on the clock of `Quarn::time()`.
+      double seconds;
+      std::string what;
+      // Of whom; any bytes.
+      std::string name;
+   };
+
+   EventLog();
+
+   void add( std::string what, std::string name );
+
+   // The oldest first.
+   const std::deque<Event>& events() const { return events_; }
+
+ private:
+   double start_;
+   std::deque<Event> events_;
+};
+
+} // namespace HostAgent
