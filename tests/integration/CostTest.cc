@@ -4,6 +4,7 @@
 #include "support/Tasks.h"
 
 #include <Quarn/LibeventFactoryCpp.h>
+#include <Quarn/Task.h>
 #include <Quarn/TimerWheelCpp.h>
 #include <Quarn/testing/Clocks.h>
 
@@ -14,12 +15,14 @@
 
 #include <dlfcn.h>
 #include <sys/epoll.h>
+#include <sys/socket.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 namespace {
 
 constinit std::atomic<unsigned long> polls{ 0 };
+constinit std::atomic<unsigned long> watchChanges{ 0 };
 constinit std::atomic<unsigned long> pidReads{ 0 };
 
 } // namespace
@@ -30,6 +33,12 @@ epoll_wait( int fd, struct epoll_event* events, int size, int timeout ) {
    ++polls;
    return static_cast<int>(
          syscall( SYS_epoll_pwait, fd, events, size, timeout, nullptr, sizeof( sigset_t ) ) );
+}
+
+extern "C" __attribute__( ( visibility( "default" ) ) ) int
+epoll_ctl( int poll, int operation, int fd, struct epoll_event* event ) {
+   ++watchChanges;
+   return static_cast<int>( syscall( SYS_epoll_ctl, poll, operation, fd, event ) );
 }
 
 extern "C" __attribute__( ( visibility( "default" ) ) ) pid_t getpid() {
@@ -156,6 +165,97 @@ TEST( CostTest, TimersAllocateNothing ) {
    for( Event& event : events ) {
       wheel->timerStop( &event );
    }
+}
+
+TEST( CostTest, TimerTasksInAGroupAllocateNothing ) {
+   struct Periodic : TimerTask {
+      using TimerTask::TimerTask;
+      void taskExecute() override {
+         taskWorkCountInc( 3 );
+         taskWorkPendingIs( 4 );
+         scheduleTaskJitterUp( 1.0, 50 );
+      }
+   };
+   ManualTimerClock clock;
+   const auto root = schedulerRootQuarnNonShared( "root" );
+   const auto group = TaskGroup::TaskGroupIs( "group", TaskPriority::normal, false, root );
+   std::vector<std::shared_ptr<Periodic>> tasks;
+   for( int n = 0; n < 32; ++n ) {
+      tasks.push_back( std::make_shared<Periodic>(
+            group, TaskPriority::normal,
+            String( "a timer task with a long name " + std::to_string( n ) ) ) );
+      tasks.back()->scheduleTaskDelay( 0.001 * n );
+   }
+   const auto work = [ & ]( int steps ) {
+      for( int n = 0; n < steps; ++n ) {
+         Periodic& task = *tasks[ static_cast<unsigned>( n ) % 32 ];
+         if( n % 5 == 0 ) {
+            task.stopTimerTask();
+         } else {
+            task.scheduleTaskLowestDelay( std::chrono::milliseconds( n % 100 ) );
+         }
+         clock.advance( 0.01 );
+         processExpiredTimersForTaskScheduler( root->timerWheelForTest() );
+         root->handleSchedulerRun();
+      }
+   };
+   work( 1'000 );
+   const std::uint64_t before = group->runTaskCount( TaskPriority::normal );
+   EXPECT_EQ( allocationsOf( [ & ] { work( 100'000 ); } ), 0u );
+   EXPECT_GT( group->runTaskCount( TaskPriority::normal ) - before, 10'000u );
+}
+
+// Sends a byte to the other end of its pair for each that comes.
+class Returner final : public FileDescriptorTask {
+ public:
+   Returner( int fd, unsigned& left )
+         : FileDescriptorTask( schedulerRootQuarn(), TaskPriority::normal,
+                               "a descriptor task whose name does not fit in place" ),
+           left_( left ) {
+      taskWatchFdIs( fd );
+   }
+
+ private:
+   void taskExecuteReadable() override {
+      char byte = 0;
+      ASSERT_EQ( read( taskWatchFd(), &byte, 1 ), 1 );
+      taskWorkCountInc( 1 );
+      if( left_ > 0 ) {
+         --left_;
+         ASSERT_EQ( write( taskWatchFd(), &byte, 1 ), 1 );
+      }
+   }
+   void taskExecuteWritable() override {}
+
+   unsigned& left_;
+};
+
+TEST( CostTest, LoneDescriptorKeepsItsWatchAndAllocatesNothing ) {
+   int ends[ 2 ];
+   ASSERT_EQ( socketpair( AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, ends ), 0 );
+   unsigned left = 0;
+   {
+      const auto one = std::make_shared<Returner>( ends[ 0 ], left );
+      const auto other = std::make_shared<Returner>( ends[ 1 ], left );
+      const auto run = [ & ]( unsigned returns ) {
+         left = returns;
+         ASSERT_EQ( write( ends[ 0 ], "x", 1 ), 1 );
+         while( left > 0 || one->taskScheduled() || other->taskScheduled() ) {
+            doLeEventLoop( 0.0 );
+         }
+         doLeEventLoop( 0.0 );
+      };
+      run( 100 );
+      const unsigned long changesBefore = watchChanges;
+      const unsigned long pidReadsBefore = pidReads;
+      EXPECT_EQ( allocationsOf( [ & ] { run( 10'000 ); } ), 0u );
+      EXPECT_EQ( watchChanges, changesBefore );
+      EXPECT_EQ( pidReads, pidReadsBefore );
+      EXPECT_EQ( one->taskWorkCountReadableTotal() + other->taskWorkCountReadableTotal(),
+                 10'100u + 2 );
+   }
+   close( ends[ 0 ] );
+   close( ends[ 1 ] );
 }
 
 } // namespace
