@@ -14,13 +14,17 @@ namespace {
 using Align = TextTable::Align;
 using Stats = Quarn::BasicVector<Quarn::TaskStat>;
 
-void rowAdd( TextTable* table, const Quarn::TaskScheduler& scheduler, const std::string& state,
+std::string kindOf( Quarn::TaskStat::TaskStatus status ) {
+   return status.taskIsTaskGroup() ? "group" : status.taskTimer() ? "timer" : "task";
+}
+
+void rowAdd( TextTable* table, const Quarn::TaskScheduler& scheduler, const std::string& kind,
              const Quarn::TaskStat& stat ) {
    const auto text = []( Quarn::TaskTimeDuration time ) {
       return Quarn::durationToString( time ).stdString();
    };
    table->rowAdd( { scheduler.schedulerName().stdString(), stat.taskName().stdString(),
-                    stat.taskPriority().toStrep().stdString(), state,
+                    stat.taskPriority().toStrep().stdString(), kind,
                     std::to_string( stat.taskRunCount() ),
                     std::to_string( stat.taskWorkCountTotal() ), text( stat.taskTotalRunTime() ),
                     text( stat.taskRunTimeHighWaterMark() ),
@@ -35,7 +39,7 @@ void tasksAdd( TextTable* table, const Quarn::TaskScheduler& scheduler ) {
    // Handed out with the newest task first.
    std::ranges::reverse( living );
    for( const Quarn::TaskStat& stat : living ) {
-      rowAdd( table, scheduler, stat.taskStatus().taskTimer() ? "timer" : "task", stat );
+      rowAdd( table, scheduler, kindOf( stat.taskStatus() ), stat );
    }
    Stats gone;
    scheduler.getCompletedTaskStats( gone, true );

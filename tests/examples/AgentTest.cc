@@ -121,7 +121,7 @@ TEST( AgentTest, ReportHasATaskOfTheGroupAndOneThatIsGone ) {
    std::ostringstream report;
    renderReport( report, agent );
    for( char const* row :
-        { "\n  main +TaskGroup;samples +low +task +[1-9]", "\n  samples +ProcessWalk +low +task ",
+        { "\n  main +TaskGroup;samples +low +group +[1-9]", "\n  samples +ProcessWalk +low +task ",
           "\n  samples +LoadTimer +low +timer ", "\n  main +FolderWatch:read +normal +task +0 ",
           "\n  main +EndTimer +normal +gone +[1-9]", "\n  samples +low +0 +2 +0 +[1-9]" } ) {
       EXPECT_THAT( report.str(), ::testing::ContainsRegex( row ) );
