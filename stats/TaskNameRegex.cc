@@ -43,6 +43,9 @@ constexpr std::size_t stackForRest = 48u << 10;
 constexpr std::ptrdiff_t maxGroups = 256;
 constexpr std::size_t maxBacktrackedSize = 512;
 constexpr std::uint32_t maxSteps = 1u << 24;
+// A text of this size cannot use up the steps unless there is a lookahead, which starts anew at
+// every position: each state is tried once for each character.
+constexpr std::size_t alwaysInBudget = maxSteps / _GLIBCXX_REGEX_STATE_LIMIT;
 constexpr std::size_t maxStack = 8u << 20;
 
 struct Traits : std::regex_traits<char> {};
@@ -149,11 +152,15 @@ struct TaskNameRegex::Expression {
       } catch( const std::regex_error& ) {
          backtracks = true;
       }
+      looksAhead = pattern.find( "(?=" ) != pattern.npos || pattern.find( "(?!" ) != pattern.npos;
    }
 
    bool matches( std::string_view text ) const {
       if( backtracks && text.size() > maxBacktrackedSize ) {
          return false;
+      }
+      if( !backtracks && !looksAhead && text.size() <= alwaysInBudget ) {
+         return std::regex_match( text.data(), text.data() + text.size(), regex );
       }
       Budget budget;
       if( backtracks ) {
@@ -170,6 +177,7 @@ struct TaskNameRegex::Expression {
 
    Regex regex;
    bool backtracks = false;
+   bool looksAhead = false;
 };
 
 TaskNameRegex::TaskNameRegex( const String& pattern ) noexcept : pattern_( pattern ) {
@@ -202,6 +210,10 @@ void TaskNameRegex::_errorIs( char const* what ) noexcept {
 bool TaskNameRegex::_match( const String& text, std::size_t passedOver, Cache& cache ) const {
    if( !valid_ ) {
       return false;
+   }
+   // By large steps: rehashing looks at the storage of every name.
+   if( cache.size() >= cache.bucket_count() ) {
+      cache.rehash( cache.size() * 8 );
    }
    Match& known = cache[ text ];
    switch( known ) {
