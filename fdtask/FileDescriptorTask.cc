@@ -79,7 +79,13 @@ class FileDescriptorTask::ReadTask final : public ReadWriteTaskBase {
                         "ReadTask should only run if taskWatchReadable" );
       }
       const ExecutingTask executing( parent, *this, "_taskExecuteReadable" );
-      parent._resumeReads();
+      try {
+         parent._resumeReads();
+      } catch( ... ) {
+         // With neither a watch nor a run the task would be deaf.
+         scheduleTask();
+         throw;
+      }
       parent.taskExecuteReadable();
    }
 };
@@ -161,11 +167,24 @@ void FileDescriptorTask::_checkCreateWriteTask() {
 
 // ---------------------------------------------------------------------------------------- watches
 
-void FileDescriptorTask::_unscheduleSubTasks() {
-   readTask_->unscheduleTask();
-   if( writeTask_ ) {
-      writeTask_->unscheduleTask();
+// Drops what waits for its run and then changes the descriptor, also when a hook that is told of
+// the first throws.
+template<typename Change>
+void FileDescriptorTask::_watchFd( Change change ) {
+   const std::shared_ptr<_TaskBase> self = weak_from_this().lock();
+   try {
+      readTask_->unscheduleTask();
+      if( writeTask_ ) {
+         writeTask_->unscheduleTask();
+      }
+   } catch( ... ) {
+      change();
+      _resumeReads();
+      throw;
    }
+   change();
+   // Not before: the watch would be on the earlier descriptor, which may be closed.
+   _resumeReads();
 }
 
 // Whether nothing else is runnable, so that the queued read sub-task has its run in this very turn:
@@ -192,8 +211,8 @@ void FileDescriptorTask::_pauseReads() {
 
 void FileDescriptorTask::_resumeReads() {
    if( readsPaused_ ) {
-      readsPaused_ = false;
       fdControl_->setReads( watchReadable_ );
+      readsPaused_ = false;
    }
 }
 
@@ -201,20 +220,13 @@ void FileDescriptorTask::taskWatchFdIs( int fd ) {
    if( fd == fdControl_->getFd() ) {
       return;
    }
-   const std::shared_ptr<_TaskBase> self = weak_from_this().lock();
-   _unscheduleSubTasks();
-   fdControl_->setFd( fd );
-   // Not before: the watch would be on the earlier descriptor, which may be closed.
-   _resumeReads();
+   _watchFd( [ & ] { fdControl_->setFd( fd ); } );
 }
 
 int FileDescriptorTask::taskWatchFd() const { return fdControl_->getFd(); }
 
 void FileDescriptorTask::taskWatchFdDel() {
-   const std::shared_ptr<_TaskBase> self = weak_from_this().lock();
-   _unscheduleSubTasks();
-   fdControl_->delFd();
-   _resumeReads();
+   _watchFd( [ & ] { fdControl_->delFd(); } );
 }
 
 void FileDescriptorTask::taskWatchReadableIs( bool watch ) {

@@ -99,21 +99,27 @@ void LibeventFdControl::setFd( int fd ) {
    fd_ = fd;
    const int flags = fcntl( fd, F_GETFL );
    if( flags < 0 ) {
-      // The watch on an earlier descriptor must not report under the new number.
-      _deleteEvents();
+      // Neither the watch on an earlier descriptor nor the number stays: the one would report under
+      // the other, and a later descriptor of that number would be taken for watched.
+      delFd();
       QUARN_FAIL( "LibeventFdControl", "flags >= 0" );
    }
    const int result = fcntl( fd, F_SETFL, flags | O_NONBLOCK );
    if( result != 0 ) {
-      _deleteEvents();
+      delFd();
       QUARN_FAIL( "LibeventFdControl", "result == 0" );
    }
    _bind();
-   if( watchReads_ ) {
-      _armRead();
-   }
-   if( watchWrites_ ) {
-      _armWrite();
+   try {
+      if( watchReads_ ) {
+         _armRead();
+      }
+      if( watchWrites_ ) {
+         _armWrite();
+      }
+   } catch( ... ) {
+      delFd();
+      throw;
    }
 }
 

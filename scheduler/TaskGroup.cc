@@ -126,7 +126,13 @@ void TaskGroup::taskGroupSuspendedIs( bool suspended ) {
                 suspended ? "Suspend" : "Unsuspend" );
    // A busy callback of the parent may drop the group.
    const std::shared_ptr<TaskScheduler> self = weak_from_this().lock();
-   parentTask_->taskSuspendedIs( suspended );
+   try {
+      parentTask_->taskSuspendedIs( suspended );
+   } catch( ... ) {
+      // A parent task that is runnable under a suspended group would run for nothing, for ever.
+      suspended_ = parentTask_->taskSuspended();
+      throw;
+   }
    suspended_ = suspended;
 }
 
@@ -213,7 +219,15 @@ void TaskGroup::timerRunningDec( const TaskTimeStamp& now ) {
    schedulerRoot()->sanityCheckCurrentRunningThread();
    const std::shared_ptr<TaskScheduler> parent = parentScheduler_;
    const bool last = timerRunningCount() == 1;
-   timerRunningCountDec( now );
+   try {
+      timerRunningCountDec( now );
+   } catch( ... ) {
+      // What a busy callback throws must not leave the parent counting.
+      if( last ) {
+         parent->timerRunningDec( now );
+      }
+      throw;
+   }
    if( last ) {
       parent->timerRunningDec( now );
    }

@@ -24,7 +24,7 @@ TaskTimeDuration TaskImpl::_virtualRunTime() const {
    if( seconds < 0.0 ) {
       QUARN_STREAM_FAIL( "negative duration: " << seconds );
    }
-   return TaskTimeDuration( static_cast<std::int64_t>( seconds * 1e9 ) );
+   return durationOfSeconds( seconds );
 }
 
 void TaskImpl::taskDoRun( const TaskTimeStamp& now, TaskTimeStamp* endTime ) {
@@ -34,7 +34,15 @@ void TaskImpl::taskDoRun( const TaskTimeStamp& now, TaskTimeStamp* endTime ) {
    scheduler_->historyEvent( now, TaskSchedulerEventType::runStart, this );
    QUARN_TRACE( taskSchedulerHandler, 8, "TaskImpl", "Running {}", taskText( this ) );
    if( _root().runObserver_ ) [[unlikely]] {
-      _root().runObserver_( *this );
+      // A copy: the observer may replace itself.
+      const auto observer = _root().runObserver_;
+      try {
+         observer( *this );
+      } catch( ... ) {
+         // The run does not take place; what waits for it would wait for ever.
+         scheduleTask();
+         throw;
+      }
    }
    runStartTime_ = now;
    if( firstRunTime_ == TaskTimeStamp() ) {

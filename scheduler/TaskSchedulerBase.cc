@@ -35,6 +35,11 @@ bool TaskScheduler::resetStatsInProgress() const { return resetBookmark_.linked(
 
 void TaskScheduler::_abandonReset() {
    resetBookmark_.unlink();
+   if( resetStatsTask_.use_count() > 1 ) {
+      // It refers to this scheduler without owning it.
+      QUARN_DIE( "TaskScheduler", "~TaskScheduler", "{};ResetStats is held beyond its scheduler",
+                 schedulerText( this ) );
+   }
    resetStatsTask_.reset();
 }
 
@@ -49,9 +54,8 @@ void TaskScheduler::defaultTaskQuantumIs( TaskTimeDuration quantum ) {
 void TaskScheduler::historyEvent( const TaskTimeStamp& now, TaskSchedulerEventType type,
                                   _TaskBase const* task ) const {
    if( root_->virtualTime() ) [[unlikely]] {
-      history_->insert( TaskTimeStamp( std::chrono::duration_cast<TaskTimeDuration>(
-                              std::chrono::duration<double>( Oru::System::currentTime() ) ) ),
-                        type, task );
+      history_->insert( TaskTimeStamp( durationOfSeconds( Oru::System::currentTime() ) ), type,
+                        task );
    } else {
       history_->insert( now, type, task->taskTaggedName() );
    }
@@ -59,9 +63,8 @@ void TaskScheduler::historyEvent( const TaskTimeStamp& now, TaskSchedulerEventTy
 
 void TaskScheduler::historyEvent( const TaskTimeStamp& now, TaskSchedulerEventType type ) const {
    if( root_->virtualTime() ) [[unlikely]] {
-      history_->insert( TaskTimeStamp( std::chrono::duration_cast<TaskTimeDuration>(
-                              std::chrono::duration<double>( Oru::System::currentTime() ) ) ),
-                        type, this );
+      history_->insert( TaskTimeStamp( durationOfSeconds( Oru::System::currentTime() ) ), type,
+                        this );
    } else {
       history_->insert( now, type, schedulerName_ );
    }

@@ -26,6 +26,13 @@ TaskTimeStamp taskTimeNow() {
                          std::chrono::nanoseconds( now.tv_nsec ) );
 }
 
+TaskTimeDuration durationOfSeconds( double seconds ) {
+   const double ns = seconds * 1e9;
+   // 2^63, the first that does not fit.
+   return ns < 9223372036854775808.0 ? TaskTimeDuration( static_cast<std::int64_t>( ns ) )
+                                     : TaskTimeDuration::max();
+}
+
 void taskClockForTestIs( TaskTimeStamp ( *clock )() ) {
    clockForTest.store( clock, std::memory_order_relaxed );
 }

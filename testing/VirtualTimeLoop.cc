@@ -59,8 +59,15 @@ VirtualTimeLoop::Base::~Base() { leFree(); }
 VirtualTimeLoop::Switches::Switches()
       : fastForwardBefore( leFastForward() ),
         virtualTimeBefore( Oru::ActivityManager::instance()->virtualTime() ) {
-   setLeFastForward( true );
    Oru::ActivityManagerConfig::virtualTimeIs( true );
+   try {
+      setLeFastForward( true );
+   } catch( ... ) {
+      // What a notifier throws; no destructor runs for this object.
+      fastForward.store( fastForwardBefore, std::memory_order_relaxed );
+      Oru::ActivityManagerConfig::virtualTimeIs( virtualTimeBefore );
+      throw;
+   }
 }
 
 VirtualTimeLoop::Switches::~Switches() {

@@ -34,7 +34,11 @@ constexpr unsigned jitterDivisor = 21474836;
 static_assert( RAND_MAX / 100 == jitterDivisor );
 
 double jitterPart( double delay, unsigned step, unsigned percentage ) {
-   const double part = step * ( percentage * delay ) / 10000;
+   double part = step * ( percentage * delay ) / 10000;
+   if( !std::isfinite( part ) ) [[unlikely]] {
+      // The product left the range; dividing first loses a digit and stays inside.
+      part = delay / 10000 * ( step * percentage );
+   }
    // One rounding may carry it beyond the delay.
    return delay >= 0.0 ? std::min( part, delay ) : part;
 }
@@ -168,6 +172,11 @@ void TimerTask::scheduleTaskJitterUp( double delay, std::uint8_t maxJitterPercen
       stopTimerTask();
       return;
    }
+   if( delay == -infinity ) {
+      // No part of it can be told.
+      _scheduleTaskDelayed( delay, true );
+      return;
+   }
    const double offset = jitterOffset( delay, maxJitterPercentage );
    const double total = sum( delay, offset );
    QUARN_TRACE( taskSchedulerHandler, 9, "TimerTask", "Timer jitterUp {} delay {} + {} = {}",
@@ -192,6 +201,11 @@ void TimerTask::scheduleTaskJitterDown( double delay, std::uint8_t maxJitterPerc
    _sanityCheck();
    if( _isNever( delay ) ) {
       stopTimerTask();
+      return;
+   }
+   if( delay == -infinity ) {
+      // No part of it can be told.
+      _scheduleTaskDelayed( delay, true );
       return;
    }
    const double offset = jitterOffset( delay, maxJitterPercentage );
@@ -242,7 +256,8 @@ void TimerTask::scheduleTask() {
       // What was told of it may have destroyed this task.
       return;
    }
-   const std::shared_ptr<_TaskBase> self = _holdForCallbacks();
+   // After a busy callback that threw, nobody was told of the timer yet, and is told now.
+   const std::shared_ptr<_TaskBase> self = busy_ ? _holdForCallbacks() : weak_from_this().lock();
    // Queued first, so that the scheduler does not flicker through idle.
    TaskImpl::scheduleTask();
    if( timerRunning_ ) {

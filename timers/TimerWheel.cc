@@ -163,7 +163,10 @@ void TimerWheel::timerStart( TimerWheelEvent* ev, double delay ) {
    timeouts_add( wheel_, ev, ticks );
    ev->_moves( TimerWheelState::notLinked, TimerWheelState::inTimerWheel );
    if( masterExpiry_ > expiry ) {
-      setMasterTimer();
+      // Not in a pass, which would deliver what is collected here instead of the next one.
+      if( !pass_ ) {
+         setMasterTimer();
+      }
       // The buckets may hold an earlier tick but a later exact time than this event, which then
       // waits on the wheel's own list; the next pass collects both.
       if( masterExpiry_ > expiry ) {

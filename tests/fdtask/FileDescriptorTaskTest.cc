@@ -8,6 +8,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -549,6 +550,53 @@ TEST_F( FileDescriptorTaskTest, WorkIsCountedWhereItIsDone ) {
    t->taskWorkPendingWritableIs( 9 );
    EXPECT_EQ( t->taskWorkPendingWritable(), 9u );
    EXPECT_EQ( t->taskWorkPendingWritableHighWaterMark(), 9u );
+}
+
+TEST_F( FileDescriptorTaskTest, DescriptorThatCouldNotBeWatchedMayBeTriedAgain ) {
+   const auto t = io( pair.near() );
+   const int number = fcntl( pair.near(), F_DUPFD_CLOEXEC, 200 );
+   ASSERT_GE( number, 200 );
+   close( number );
+   EXPECT_FATAL( t->taskWatchFdIs( number ), "flags >= 0" );
+   EXPECT_EQ( t->taskWatchFd(), -1 );
+   const Pair other;
+   ASSERT_EQ( dup2( other.near(), number ), number );
+   t->taskWatchFdIs( number );
+   other.send( "x" );
+   turns( 3 );
+   EXPECT_EQ( t->got, "x" );
+   t->taskWatchFdDel();
+   close( number );
+}
+
+TEST_F( FileDescriptorTaskTest, HookThatThrowsDoesNotKeepTheOldDescriptor ) {
+   class Moody : public Io {
+    public:
+      using Io::Io;
+      void handleTaskBusy() override {
+         if( throws ) {
+            throw 7;
+         }
+      }
+      bool throws = false;
+   };
+   const Pair other;
+   const auto t = std::make_shared<Moody>( root, TaskPriority::normal, "moody" );
+   t->taskWatchFdIs( pair.near() );
+   const auto first =
+         makeTask( root, TaskPriority::high, "first", []( auto& self ) { self.scheduleTask(); } );
+   first->scheduleTask();
+   pair.send( "x" );
+   turns( 4 ); // queued behind the other, its watch is taken out of the kernel
+   ASSERT_TRUE( t->taskScheduledReadable() );
+   t->throws = true;
+   EXPECT_THROW( t->taskWatchFdIs( other.near() ), int );
+   t->throws = false;
+   EXPECT_EQ( t->taskWatchFd(), other.near() );
+   first->bodyIs( {} );
+   other.send( "y" );
+   turns( 5 );
+   EXPECT_EQ( t->got, "y" );
 }
 
 } // namespace

@@ -560,4 +560,47 @@ TEST_F( TaskGroupTest, BusyCallbackMayScheduleOrDropAtTheMomentOfIdleness ) {
    }
 }
 
+TEST_F( TaskGroupTest, BusyCallbackThatThrowsLeavesTheCountsRight ) {
+   class Fails : public std::exception {};
+   bool fails = true;
+   const auto callback = [ & ] {
+      if( fails ) {
+         throw Fails();
+      }
+   };
+   // Resumed, the group is resumed whatever is thrown; otherwise its task would run for nothing.
+   g->suspendedIs( true );
+   auto m = queued( g, "m" );
+   drain();
+   root->registerBusyCallback( this, callback );
+   EXPECT_THROW( g->suspendedIs( false ), Fails );
+   fails = false;
+   EXPECT_EQ( g->suspended(), g->taskGroupSuspended() );
+   drain();
+   EXPECT_EQ( log, "m" );
+   EXPECT_EQ( g->parentTaskRunCount(), 1u );
+   root->unregisterBusyCallback( this );
+
+   auto timer = std::make_shared<TimerMember>( g, g->priority(), "timer" );
+   timer->scheduleTaskDelay( 5.0 );
+   g->registerBusyCallback( this, callback );
+   fails = true;
+   EXPECT_THROW( timer->stopTimerTask(), Fails );
+   g->unregisterBusyCallback( this );
+   EXPECT_EQ( root->timerRunningCount(), 0u );
+   EXPECT_TRUE( idle( g ) );
+}
+
+TEST( TaskGroupDeathTest, ResetTaskIsNotHeldBeyondItsScheduler ) {
+   EXPECT_DEATH(
+         {
+            auto root = schedulerRootQuarnNonShared( "root" );
+            auto g = TaskGroup::TaskGroupIs( "g", TaskPriority::normal, false, root );
+            g->resetStats();
+            const auto held = g->taskForTest( "g;ResetStats" );
+            g.reset();
+         },
+         "g;ResetStats is held beyond its scheduler" );
+}
+
 } // namespace

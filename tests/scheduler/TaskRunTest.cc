@@ -468,4 +468,34 @@ TEST_F( TaskRunTest, OuterTaskKeepsItsVirtualQuantum ) {
    EXPECT_EQ( outer->getStats().taskTotalRunTime().count() / 1000000, 30 );
 }
 
+TEST_F( TaskRunTest, ObserverMayReplaceItselfOrThrow ) {
+   auto a = task( TaskPriority::normal, "a" );
+   std::string seen;
+   root->runObserverForTestIs( [ &, held = std::string( 100, 'x' ) ]( const TaskImpl& observed ) {
+      root->runObserverForTestIs( {} );
+      seen += observed.taskName().stdString() + held.substr( 0, 1 );
+   } );
+   a->scheduleTask();
+   step();
+   a->scheduleTask();
+   step();
+   EXPECT_EQ( seen, "ax" );
+   EXPECT_EQ( a->taskRunCount(), 2u );
+
+   root->runObserverForTestIs( []( const TaskImpl& ) { throw 7; } );
+   a->scheduleTask();
+   EXPECT_THROW( step(), int );
+   root->runObserverForTestIs( {} );
+   EXPECT_TRUE( a->taskScheduled() ) << "a run that did not take place is made up for";
+   step();
+   EXPECT_EQ( a->taskRunCount(), 3u );
+}
+
+TEST( TaskTimeTest, SecondsBeyondTheRangeAreTheLongestDuration ) {
+   EXPECT_EQ( durationOfSeconds( 1.5 ), 1500ms );
+   EXPECT_EQ( durationOfSeconds( 9.2e9 ), std::chrono::nanoseconds( 9'200'000'000'000'000'000 ) );
+   EXPECT_EQ( durationOfSeconds( 9.3e9 ), TaskTimeDuration::max() );
+   EXPECT_EQ( durationOfSeconds( 1e300 ), TaskTimeDuration::max() );
+}
+
 } // namespace

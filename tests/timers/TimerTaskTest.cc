@@ -571,4 +571,32 @@ TEST_F( TimerTaskTest, Traces ) {
    }
 }
 
+TEST_F( TimerTaskTest, JitterKeepsItsRangeAtTheEndsOfTheScale ) {
+   const auto t = timer();
+   for( int n = 0; n < 1000; ++n ) {
+      t->scheduleTaskJitterDown( 1e308, 50 );
+      ASSERT_GE( t->timerRemaining(), 0.499e308 );
+      ASSERT_LE( t->timerRemaining(), 1e308 );
+      t->scheduleTaskJitterUp( 1e308, 50 );
+      ASSERT_GE( t->timerRemaining(), 1e308 );
+   }
+   // The next pass, as without jitter.
+   t->scheduleTaskJitterUp( -infinity, 50 );
+   EXPECT_EQ( deliver(), 1u );
+   EXPECT_TRUE( t->taskScheduled() );
+   t->scheduleTaskJitterDown( -infinity, 50 );
+   EXPECT_EQ( t->timerRemaining(), 0.0 );
+}
+
+TEST_F( TimerTaskTest, ToldLateAfterACallbackThatThrew ) {
+   auto t = timer();
+   root->registerBusyCallback( this, [] { throw 7; } );
+   EXPECT_THROW( t->scheduleTaskDelay( 5.0 ), int );
+   root->unregisterBusyCallback( this );
+   t->onBusy = [ & ]( Timer& ) { t.reset(); };
+   t->scheduleTask();
+   EXPECT_EQ( t, nullptr );
+   EXPECT_EQ( root->timerRunningCount(), 0u );
+}
+
 } // namespace

@@ -557,4 +557,18 @@ TEST_P( TimerWheelModel, AgreesWithASortedMap ) {
 
 INSTANTIATE_TEST_SUITE_P( Seeds, TimerWheelModel, testing::Values( 1, 2, 3, 42, 4711 ) );
 
+TEST_F( TimerWheelTest, EventThatRestartsItselfEverEarlierComesOnceAPass ) {
+   Event event;
+   int n = 0;
+   event.onIs( [ & ] { event.setTimeout( wheel, -static_cast<double>( ++n ) ); } );
+   event.setTimeout( wheel, 0 );
+   for( int pass = 1; pass < 4; ++pass ) {
+      clock.advance( 0.1 );
+      wheel->timeout();
+      EXPECT_EQ( event.fired, pass );
+      EXPECT_LE( wheel->masterExpiryForTest(), clock.now() );
+   }
+   event.delTimeout( wheel );
+}
+
 } // namespace

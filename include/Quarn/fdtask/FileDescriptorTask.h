@@ -20,7 +20,8 @@
 //
 // Reads are watched from the start, and for as long as the descriptor is readable; a writer asks
 // for each notification with `taskWatchWritableIs( true )`. Every run must bear EAGAIN:
-// unsuspending the task runs its sub-tasks whether or not the descriptor is ready.
+// unsuspending the task runs its sub-tasks whether or not the descriptor is ready. A task that only
+// writes switches reads off, or a peer that hangs up is reported as readable without end.
 //
 // While the read sub-task waits for its turn or is suspended, the kernel is not asked about the
 // descriptor again: data that nobody can read yet costs no turns of the loop.
@@ -142,7 +143,8 @@ class ORUQUARN_API FileDescriptorTask : public _TaskBase, private Platform::FdEv
    void _checkCreateWriteTask();
    WriteTask& _writeTask() const;
    TaskImpl& _executing() const;
-   void _unscheduleSubTasks();
+   template<typename Change>
+   void _watchFd( Change change );
    bool _runsNext() const;
    void _pauseReads();
    void _resumeReads();

@@ -14,7 +14,8 @@ namespace Quarn::Platform {
 //
 // The descriptor stays the caller's. Forget it here (`delFd`) before closing it: the kernel drops a
 // closed descriptor from its watch list silently, and a new descriptor that gets the same number
-// would be taken for the old one and never be heard of.
+// would be taken for the old one and never be heard of. One of which there are duplicates is even
+// reported on, for as long as they are open.
 class ORUQUARN_API FdControl {
  public:
    virtual ~FdControl();

@@ -12,6 +12,10 @@
 //     Quarn::setLeFastForward( true );
 //     Quarn::doLeEventLoop( 3600.0 ); // an hour of timers
 //
+// `doLeEventLoop()` without a limit jumps once, to the first timer, and then runs in real time.
+// Descriptors are looked at after a jump, not before it: data that is there already is read at the
+// time of the next timer.
+//
 // Seconds are taken as everywhere in the loop: negative counts as 0, NaN is fatal ("invalid timeout
 // ...").
 

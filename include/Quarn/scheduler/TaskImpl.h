@@ -63,7 +63,7 @@ class ORUQUARN_API TaskImpl : public _TaskBase {
    void unscheduleTask();
 
    // A suspended task is never queued. Unsuspending queues it, whether or not it was queued before,
-   // so that no wake-up is lost.
+   // so that no wake-up is lost; a timer task whose timer runs is left to its timer.
    void taskSuspendedIs( bool suspended );
    bool taskSuspended() const { return ( flags_ & flagSuspended ) != 0; }
 

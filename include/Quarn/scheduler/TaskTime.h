@@ -23,6 +23,10 @@ ORUQUARN_API TaskTimeStamp taskTimeNow();
 // schedules tasks.
 ORUQUARN_API void taskClockForTestIs( TaskTimeStamp ( *clock )() );
 
+// `seconds` as a duration, truncated; what does not fit becomes the largest one, 292 years. Not
+// negative.
+ORUQUARN_API TaskTimeDuration durationOfSeconds( double seconds );
+
 // A whole number with its unit, truncated: nanoseconds up to 999 (and when negative), microseconds,
 // milliseconds up to 59999, seconds below an hour, minutes from there on.
 ORUQUARN_API String durationToString( TaskTimeDuration duration );

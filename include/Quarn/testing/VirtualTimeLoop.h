@@ -48,7 +48,7 @@ class ORUQUARN_API VirtualTimeLoop {
    VirtualTimeLoop();
 
    // Undoes all that: the switches are set back to what they were. Virtual time stays ahead, for it
-   // never goes back.
+   // never goes back. Fast-forward notifiers must not throw here.
    ~VirtualTimeLoop();
 
    VirtualTimeLoop( const VirtualTimeLoop& ) = delete;
