@@ -166,61 +166,51 @@ Delay TimerTask::jitterOffset( Delay delay, std::uint8_t maxJitterPercentage ) {
    return offset;
 }
 
-void TimerTask::scheduleTaskJitterUp( double delay, std::uint8_t maxJitterPercentage ) {
+template<typename Delay>
+void TimerTask::_scheduleTaskJitter( Delay delay, std::uint8_t maxJitterPercentage, bool up ) {
    _sanityCheck();
-   if( _isNever( delay ) ) {
+   const double seconds = secondsOf( delay );
+   if( _isNever( seconds ) ) {
       stopTimerTask();
       return;
    }
-   if( delay == -infinity ) {
+   if( seconds == -infinity ) {
       // No part of it can be told.
       _scheduleTaskDelayed( delay, true );
       return;
    }
-   const double offset = jitterOffset( delay, maxJitterPercentage );
-   const double total = sum( delay, offset );
-   QUARN_TRACE( taskSchedulerHandler, 9, "TimerTask", "Timer jitterUp {} delay {} + {} = {}",
-                taskText( this ), delay, offset, total );
-   if( total == infinity ) {
+   const Delay offset = jitterOffset( delay, maxJitterPercentage );
+   const Delay total = up ? sum( delay, offset ) : delay - offset;
+   if( up ) {
+      QUARN_TRACE_AS( taskSchedulerHandler, 9, "TimerTask", "scheduleTaskJitterUp",
+                      "Timer jitterUp {} delay {} + {} = {}", taskText( this ), shown( delay ),
+                      shown( offset ), shown( total ) );
+   } else {
+      QUARN_TRACE_AS( taskSchedulerHandler, 9, "TimerTask", "scheduleTaskJitterDown",
+                      "Timer jitterDown {} delay {} - {} = {}", taskText( this ), shown( delay ),
+                      shown( offset ), shown( total ) );
+   }
+   if( secondsOf( total ) == infinity ) {
       stopTimerTask();
       return;
    }
    _scheduleTaskDelayed( total, true );
+}
+
+void TimerTask::scheduleTaskJitterUp( double delay, std::uint8_t maxJitterPercentage ) {
+   _scheduleTaskJitter( delay, maxJitterPercentage, true );
 }
 
 void TimerTask::scheduleTaskJitterUp( TaskTimeDuration delay, std::uint8_t maxJitterPercentage ) {
-   _sanityCheck();
-   const TaskTimeDuration offset = jitterOffset( delay, maxJitterPercentage );
-   const TaskTimeDuration total = sum( delay, offset );
-   QUARN_TRACE( taskSchedulerHandler, 9, "TimerTask", "Timer jitterUp {} delay {} + {} = {}",
-                taskText( this ), shown( delay ), shown( offset ), shown( total ) );
-   _scheduleTaskDelayed( total, true );
+   _scheduleTaskJitter( delay, maxJitterPercentage, true );
 }
 
 void TimerTask::scheduleTaskJitterDown( double delay, std::uint8_t maxJitterPercentage ) {
-   _sanityCheck();
-   if( _isNever( delay ) ) {
-      stopTimerTask();
-      return;
-   }
-   if( delay == -infinity ) {
-      // No part of it can be told.
-      _scheduleTaskDelayed( delay, true );
-      return;
-   }
-   const double offset = jitterOffset( delay, maxJitterPercentage );
-   QUARN_TRACE( taskSchedulerHandler, 9, "TimerTask", "Timer jitterDown {} delay {} - {} = {}",
-                taskText( this ), delay, offset, delay - offset );
-   _scheduleTaskDelayed( delay - offset, true );
+   _scheduleTaskJitter( delay, maxJitterPercentage, false );
 }
 
 void TimerTask::scheduleTaskJitterDown( TaskTimeDuration delay, std::uint8_t maxJitterPercentage ) {
-   _sanityCheck();
-   const TaskTimeDuration offset = jitterOffset( delay, maxJitterPercentage );
-   const TaskTimeDuration rest = delay - offset;
-   QUARN_TRACE( taskSchedulerHandler, 9, "TimerTask", "Timer jitterDown {} delay {} - {} = {}",
-                taskText( this ), shown( delay ), shown( offset ), shown( rest ) );
-   _scheduleTaskDelayed( rest, true );
+   _scheduleTaskJitter( delay, maxJitterPercentage, false );
 }
 
 // --------------------------------------------------------------------------------- ends of a wait

@@ -101,6 +101,8 @@ class ORUQUARN_API TimerTask : public TaskImpl, private TimerWheelEvent {
    template<typename Delay>
    void _scheduleTaskLowestDelay( Delay delay );
    template<typename Delay>
+   void _scheduleTaskJitter( Delay delay, std::uint8_t maxJitterPercentage, bool up );
+   template<typename Delay>
    Delay jitterOffset( Delay delay, std::uint8_t maxJitterPercentage );
    unsigned _jitterStep();
    static bool _isNever( double delay );
