@@ -5,9 +5,15 @@
 #include <Quarn/Task.h>
 #include <Quarn/TaskSchedulerCpp.h>
 
+#include <algorithm>
 #include <cstdlib>
+#include <random>
+#include <sstream>
+#include <string>
 
 #include <fmt/format.h>
+#include <rapidjson/stringbuffer.h>
+#include <rapidjson/writer.h>
 
 namespace bench {
 
@@ -64,11 +70,269 @@ class SelectSides final : public Sides {
    Quarn::BasicVector<Quarn::TaskStat> copied_;
 };
 
+// A snapshot of a root without groups, all of whose tasks have run.
+class SnapshotSides final : public Sides {
+ public:
+   SnapshotSides() {
+      for( std::int64_t i = 0; i < tasks; ++i ) {
+         tasks_.push_back( std::make_shared<NamedTask>( root_, i ) );
+         tasks_.back()->taskRunFromTest();
+      }
+      root_->getTaskStats( prepared_, false );
+   }
+
+   Time ours() override {
+      std::shared_ptr<const Quarn::TaskSchedulerSnapshot> snapshot;
+      const Time time =
+            timed( [ & ] { snapshot = root_->snapshot( {}, false, false, false, {}, 0 ); } );
+      if( snapshot->tasks().size() != prepared_.size() ) {
+         fmt::print( stderr, "the snapshot is not whole\n" );
+         std::abort();
+      }
+      return time;
+   }
+   Time floor() override {
+      Quarn::BasicVector<Quarn::TaskStat> copied;
+      return timed( [ & ] {
+         copied.reserve( prepared_.size() );
+         for( const Quarn::TaskStat& stat : prepared_ ) {
+            copied.push_back( stat );
+         }
+      } );
+   }
+
+ private:
+   std::shared_ptr<Quarn::TaskSchedulerRoot> root_ =
+         Quarn::schedulerRootQuarnNonShared( "BenchSnapshotRoot" );
+   std::vector<std::shared_ptr<NamedTask>> tasks_;
+   Quarn::BasicVector<Quarn::TaskStat> prepared_;
+};
+
+// A snapshot as JSON. The floor has the records sorted and puts the tasks' members alone.
+class JsonSides final : public Sides {
+ public:
+   JsonSides() {
+      for( std::int64_t i = 0; i < tasks; ++i ) {
+         NamedTask& task = *tasks_.emplace_back( std::make_shared<NamedTask>( root_, i ) );
+         task.taskRunFromTest();
+         // Half of the tasks report work.
+         if( i % 2 == 0 ) {
+            task.taskWorkCountInc( static_cast<unsigned long>( i ) );
+            task.taskWorkCountInc( 7 );
+            task.taskWorkPendingIs( 3 );
+         }
+      }
+      snapshot_ = root_->snapshot( {}, false, false, false, {}, 0 );
+      sorted_ = snapshot_->tasks();
+      std::ranges::stable_sort( sorted_, std::ranges::greater(),
+                                &Quarn::TaskStat::taskTotalRunTime );
+   }
+
+   Time ours() override {
+      std::ostringstream out;
+      const auto context = Quarn::TaskScheduler::PrintContextIs( out );
+      const Time time = timed( [ & ] { snapshot_->renderJson( *context ); } );
+      constexpr std::string_view begin = "\"tasks\":{\"tasks\":";
+      oursArray_ = out.view().substr( out.view().find( begin ) + begin.size() );
+      return time;
+   }
+
+   Time floor() override {
+      rapidjson::StringBuffer text;
+      const Time time = timed( [ & ] {
+         rapidjson::Writer<rapidjson::StringBuffer> writer( text );
+         writer.StartArray();
+         for( const Quarn::TaskStat& stat : sorted_ ) {
+            _put( writer, stat );
+         }
+         writer.EndArray();
+      } );
+      if( !oursArray_.starts_with( std::string_view( text.GetString(), text.GetSize() ) ) &&
+          !oursArray_.empty() ) {
+         fmt::print( stderr, "the texts differ\n" );
+         std::abort();
+      }
+      return time;
+   }
+
+ private:
+   using Writer = rapidjson::Writer<rapidjson::StringBuffer>;
+
+   static void _string( Writer& writer, std::string_view key, std::string_view value ) {
+      _key( writer, key );
+      writer.String( value.data(), static_cast<rapidjson::SizeType>( value.size() ) );
+   }
+   static void _key( Writer& writer, std::string_view key ) {
+      writer.Key( key.data(), static_cast<rapidjson::SizeType>( key.size() ) );
+   }
+   static void _bool( Writer& writer, std::string_view key, bool value ) {
+      _key( writer, key );
+      writer.Bool( value );
+   }
+   static void _number( Writer& writer, std::string_view key, std::uint64_t value ) {
+      _key( writer, key );
+      writer.Uint64( value );
+   }
+   static void _seconds( Writer& writer, std::string_view key, std::chrono::nanoseconds value ) {
+      _key( writer, key );
+      writer.Double( static_cast<double>( value.count() ) / 1e9 );
+   }
+   static void _put( Writer& writer, const Quarn::TaskStat& stat ) {
+      const auto stamp = []( Quarn::TaskStat::time_point when ) {
+         return static_cast<std::uint64_t>( when.time_since_epoch().count() );
+      };
+      const Quarn::TaskStat::TaskStatus status = stat.taskStatus();
+      writer.StartObject();
+      _string( writer, "name", stat.taskName() );
+      _string( writer, "address", Quarn::TaskKey( stat.task() ).toStrep() );
+      _string( writer, "priority", stat.taskPriority().toStrep() );
+      _bool( writer, "onRunQueue", status.taskOnRunQueue() );
+      _bool( writer, "currentlyRunning", status.taskCurrentlyRunning() );
+      _bool( writer, "suspended", status.taskSuspended() );
+      _bool( writer, "schedulerSuspended", status.schedulerSuspended() );
+      _bool( writer, "hasTimer", status.taskTimer() );
+      _bool( writer, "timerRunning", status.taskTimerRunning() );
+      _number( writer, "runCount", stat.taskRunCount() );
+      _seconds( writer, "totalRunTime", stat.taskTotalRunTime() );
+      _number( writer, "firstTaskRunTimestamp", stamp( stat.taskFirstRunTimestamp() ) );
+      _number( writer, "lastTaskRunTimestamp", stamp( stat.taskLastRunTimestamp() ) );
+      _seconds( writer, "lastSchedulingLatency", stat.taskLastSchedulingLatency() );
+      _seconds( writer, "schedulingLatencyHighWaterMark",
+                stat.taskSchedulingLatencyHighWaterMark() );
+      _number( writer, "qv200", stat.taskQuantumViolation200() );
+      _number( writer, "qv500", stat.taskQuantumViolation500() );
+      _number( writer, "maxMs",
+               static_cast<std::uint64_t>(
+                     static_cast<double>( stat.taskRunTimeHighWaterMark().count() ) / 1e9 * 1000 +
+                     0.5 ) );
+      if( stat.taskWorkCountHighWaterMark() != Quarn::taskStatUnset ) {
+         _key( writer, "workCount" );
+         writer.StartObject();
+         _number( writer, "total", stat.taskWorkCountTotal() );
+         _key( writer, "decayingAvg" );
+         writer.Double( double{ stat.taskWorkCountDecayAvg() } );
+         _number( writer, "highwater", stat.taskWorkCountHighWaterMark() );
+         writer.EndObject();
+      }
+      if( stat.taskWorkPendingHighWaterMark() != Quarn::taskStatUnset ) {
+         _key( writer, "workPending" );
+         writer.StartObject();
+         _number( writer, "pending", stat.taskWorkPending() );
+         _number( writer, "highwater", stat.taskWorkPendingHighWaterMark() );
+         writer.EndObject();
+      }
+      writer.EndObject();
+   }
+
+   std::shared_ptr<Quarn::TaskSchedulerRoot> root_ =
+         Quarn::schedulerRootQuarnNonShared( "BenchJsonRoot" );
+   std::vector<std::shared_ptr<NamedTask>> tasks_;
+   std::shared_ptr<const Quarn::TaskSchedulerSnapshot> snapshot_;
+   Quarn::BasicVector<Quarn::TaskStat> sorted_;
+   std::string oursArray_;
+};
+
+// The rows of the text report. The floor has them sorted and knows the width of the names.
+class TextSides final : public Sides {
+ public:
+   TextSides() {
+      std::mt19937_64 random( 42 );
+      const auto upTo = [ & ]( std::uint64_t end ) { return random() % end; };
+      const auto time = [ & ]( std::uint64_t end ) {
+         return std::chrono::nanoseconds( upTo( end ) );
+      };
+      prepared_.reserve( tasks );
+      for( std::int64_t i = 0; i < tasks; ++i ) {
+         Quarn::TaskStat stat( Quarn::String( fmt::format( "bench-named-task-{:06}", i ) ), nullptr,
+                               Quarn::TaskPriority::normal );
+         stat.taskRunInc( upTo( 1'000'000 ) );
+         stat.taskTotalRunTimeInc( time( 100'000'000'000 ) );
+         stat.taskLastSchedulingLatencyIs( time( 1'000'000'000 ) );
+         stat.taskSchedulingLatencyHighWaterMarkIs( time( 10'000'000'000 ) );
+         stat.taskRunTimeHighWaterMarkIs( time( 50'000'000 ) );
+         // Half of the tasks report work.
+         if( i % 2 == 0 ) {
+            stat.taskWorkCountTotalInc( upTo( 1'000'000 ) );
+            stat.taskWorkCountDecayAvgIs( static_cast<float>( upTo( 10'000 ) ) / 7 );
+            stat.taskWorkCountHighWaterMarkIs( static_cast<std::uint32_t>( upTo( 1'000 ) ) );
+            stat.taskWorkPendingHighWaterMarkIs( static_cast<std::uint32_t>( upTo( 1'000 ) ) );
+         }
+         prepared_.push_back( std::move( stat ) );
+      }
+      sorted_ = prepared_;
+      std::ranges::stable_sort( sorted_, std::ranges::greater(),
+                                &Quarn::TaskStat::taskTotalRunTime );
+   }
+
+   Time ours() override {
+      std::ostringstream out;
+      const Time time = timed( [ & ] {
+         Quarn::TaskSchedulerRoot::statsRenderTextTasks( out, prepared_, "TaskName", 0, false,
+                                                         false );
+      } );
+      // The floor has neither header nor rule.
+      const std::string_view text = out.view();
+      oursRows_ = text.substr( text.find( '\n', text.find( '\n' ) + 1 ) + 1 );
+      return time;
+   }
+
+   Time floor() override {
+      fmt::memory_buffer rows;
+      const Time time = timed( [ & ] {
+         for( const Quarn::TaskStat& stat : sorted_ ) {
+            _row( rows, stat );
+         }
+      } );
+      if( !oursRows_.empty() && oursRows_ != fmt::to_string( rows ) ) {
+         fmt::print( stderr, "the texts differ\n" );
+         std::abort();
+      }
+      return time;
+   }
+
+ private:
+   static double _seconds( std::chrono::nanoseconds time ) {
+      return static_cast<double>( time.count() ) / 1e9;
+   }
+
+   static void _row( fmt::memory_buffer& rows, const Quarn::TaskStat& stat ) {
+      const bool work = stat.taskWorkCountHighWaterMark() != Quarn::taskStatUnset;
+      const bool pending = stat.taskWorkPendingHighWaterMark() != Quarn::taskStatUnset;
+      const auto number = []( bool set, std::uint64_t n ) {
+         return set ? fmt::to_string( n ) : std::string( "-" );
+      };
+      fmt::format_to(
+            std::back_inserter( rows ),
+            "{:s}{:s} {:2s} {:>10d} {:>13.3f} {:>6.3f} {:>7.3f} {:>4d} {:>4d} {:>5d} {:>10s} "
+            "{:>8s} {:>6s} {:>9s} {:>10s}\n",
+            stat.taskName(), "", stat.taskStatusString(), stat.taskRunCount(),
+            _seconds( stat.taskTotalRunTime() ), _seconds( stat.taskLastSchedulingLatency() ),
+            _seconds( stat.taskSchedulingLatencyHighWaterMark() ), stat.taskQuantumViolation200(),
+            stat.taskQuantumViolation500(),
+            static_cast<int>( _seconds( stat.taskRunTimeHighWaterMark() ) * 1000 + 0.5 ),
+            number( work, stat.taskWorkCountTotal() ),
+            work ? fmt::format( "{:6.1f}", stat.taskWorkCountDecayAvg() ) : std::string( "-" ),
+            number( work, stat.taskWorkCountHighWaterMark() ),
+            number( pending, stat.taskWorkPending() ),
+            number( pending, stat.taskWorkPendingHighWaterMark() ) );
+   }
+
+   Quarn::BasicVector<Quarn::TaskStat> prepared_;
+   Quarn::BasicVector<Quarn::TaskStat> sorted_;
+   std::string oursRows_;
+};
+
 } // namespace
 
 void statsFigures( std::vector<Figure>& figures ) {
    figures.push_back(
          { "stats_select", 3.0, tasks, tasks, [] { return std::make_unique<SelectSides>(); }, 5 } );
+   figures.push_back(
+         { "snapshot", 3.0, tasks, tasks, [] { return std::make_unique<SnapshotSides>(); }, 5 } );
+   figures.push_back(
+         { "json_render", 1.25, tasks, tasks, [] { return std::make_unique<JsonSides>(); } } );
+   figures.push_back(
+         { "text_render", 1.3, tasks, tasks, [] { return std::make_unique<TextSides>(); } } );
 }
 
 } // namespace bench

@@ -11,8 +11,7 @@
 
 #include <Oru/ActivityManager.h>
 
-#include <iostream>
-#include <sstream>
+#include <algorithm>
 #include <thread>
 
 #include <unistd.h>
@@ -129,6 +128,12 @@ unsigned TaskSchedulerRoot::totalRegisteredTaskCount() const {
       }
    }
    return count;
+}
+
+bool TaskSchedulerRoot::_hasGroupsUnder( const TaskScheduler& scheduler ) const {
+   return std::ranges::any_of( schedulers_, [ & ]( TaskScheduler const* other ) {
+      return other->enclosing_ == &scheduler;
+   } );
 }
 
 TaskQueueStatsMap TaskSchedulerRoot::queueStatsRoot() const {
@@ -307,21 +312,6 @@ void TaskSchedulerRoot::clearHistory() {
    QUARN_TRACE( taskSchedulerHandler, 2, "TaskSchedulerRoot", "{} history cleared",
                 schedulerText( this ) );
    history_->clear();
-}
-
-void TaskSchedulerRoot::historyRenderTextForDebug( std::ostream& out ) const {
-   sanityCheckCurrentRunningThread();
-   history_->renderText( out );
-}
-
-String TaskSchedulerRoot::historyRenderTextForDebugToString() const {
-   std::ostringstream out;
-   historyRenderTextForDebug( out );
-   return String( out.str() );
-}
-
-void TaskSchedulerRoot::historyRenderTextForDebugStdErr() const {
-   historyRenderTextForDebug( std::cerr );
 }
 
 } // namespace Quarn

@@ -10,10 +10,16 @@
 
 namespace Quarn {
 
+// What happens to the root of a thread that ends.
+struct ThreadEnd {
+   // A render under way holds its scheduler, and is held by it.
+   static void of( TaskSchedulerRoot& root ) { root.abandonRenders(); }
+};
+
 namespace {
 
 constinit thread_local Util::ThreadSlot<TaskSchedulerRoot> rootSlot;
-thread_local Util::ThreadSlot<TaskSchedulerRoot>::Releaser rootReleaser{ rootSlot };
+thread_local Util::ThreadSlot<TaskSchedulerRoot>::Releaser rootReleaser{ rootSlot, &ThreadEnd::of };
 
 String rootName() {
    if( isMainThread() ) {

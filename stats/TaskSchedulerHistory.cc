@@ -1,11 +1,12 @@
 #include <Quarn/stats/TaskSchedulerHistory.h>
 
+#include <Quarn/stats/TaskNameRegex.h>
+
 #include "debug/Handlers.h"
 
 #include <algorithm>
 #include <iterator>
 #include <ostream>
-#include <string>
 #include <utility>
 
 namespace Quarn {
@@ -110,17 +111,32 @@ void TaskSchedulerHistory::clear() {
    size_ = 0;
 }
 
-void TaskSchedulerHistory::renderText( std::ostream& out ) const {
-   const std::string header = fmt::format(
-         "Last {} scheduler events, absolute timestamp and relative to last event", size_ );
-   out << header << '\n' << std::string( header.size(), '-' ) << '\n';
+void TaskSchedulerHistory::renderText( std::ostream& out, TaskNameRegex const* filter ) const {
+   fmt::memory_buffer line;
+   // In one piece each, whatever the stream does with the pieces that it gets.
+   const auto write = [ & ] {
+      out.write( line.data(), static_cast<std::streamsize>( line.size() ) );
+      line.clear();
+   };
+   fmt::format_to( std::back_inserter( line ),
+                   "Last {} scheduler events, absolute timestamp and relative to last event",
+                   size_ );
+   const std::size_t width = line.size();
+   fmt::format_to( std::back_inserter( line ), "\n{:-<{}}\n", "", width );
+   write();
    for( std::uint32_t age = 0; age < size_; ++age ) {
       const Event& e = event( age );
+      // The identifiers of tasks have a tag in front that no expression is meant for.
+      if( filter &&
+          !( eventNeedTask( e.eventType() ) && filter->match<2>( e.eventIdentifier() ) ) ) {
+         continue;
+      }
       const auto sinceNewest = event( 0 ).timestamp() - e.timestamp();
-      out << fmt::format( "{:>22} ns since boot {:>10} us {:<12} {}\n",
-                          e.timestamp().time_since_epoch().count(), sinceNewest.count() / 1000,
-                          e.eventTypeDisplay(), e.eventIdentifier() )
-          << std::flush;
+      fmt::format_to( std::back_inserter( line ), "{:>22} ns since boot {:>10} us {:<12} {}\n",
+                      e.timestamp().time_since_epoch().count(), sinceNewest.count() / 1000,
+                      e.eventTypeDisplay(), e.eventIdentifier() );
+      write();
+      out.flush();
    }
 }
 

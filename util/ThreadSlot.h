@@ -22,8 +22,11 @@ class ThreadSlot {
    // Empties the slot at the end of the thread; constructed by the first use of its thread-local.
    class Releaser {
     public:
-      explicit Releaser( ThreadSlot& slot ) : slot_( slot ) {}
-      ~Releaser() { slot_._release(); }
+      // `atEnd` is called for the object, if there is one, before its reference goes.
+      explicit Releaser( ThreadSlot& slot, void ( *atEnd )( T& ) = nullptr )
+            : slot_( slot ),
+              atEnd_( atEnd ) {}
+      ~Releaser() { slot_._release( atEnd_ ); }
       Releaser( const Releaser& ) = delete;
       Releaser& operator=( const Releaser& ) = delete;
       // Makes sure that the object exists.
@@ -31,6 +34,7 @@ class ThreadSlot {
 
     private:
       ThreadSlot& slot_;
+      void ( *atEnd_ )( T& );
    };
 
    bool holds() const { return state_ == State::holds; }
@@ -51,11 +55,14 @@ class ThreadSlot {
       return std::launder( reinterpret_cast<std::shared_ptr<T>*>( storage_ ) );
    }
 
-   void _release() {
+   void _release( void ( *atEnd )( T& ) ) {
       if( std::exchange( state_, State::released ) == State::holds ) {
          // The slot reads as released while the last reference goes.
          const std::shared_ptr<T> last = std::move( *_pointer() );
          _pointer()->~shared_ptr();
+         if( atEnd ) {
+            atEnd( *last );
+         }
       }
    }
 

@@ -22,16 +22,20 @@
 
 #include <array>
 #include <functional>
+#include <iosfwd>
 #include <map>
 #include <memory>
 #include <string_view>
 #include <unordered_map>
 #include <unordered_set>
+#include <vector>
 
 namespace Quarn {
 
 class TaskNameRegex;
+class TaskSchedulerPrintContext;
 class TaskSchedulerRoot;
+class TaskSchedulerSnapshot;
 
 // What a scheduler knows of one priority.
 struct TaskQueueStats {
@@ -131,7 +135,9 @@ class ORUQUARN_API TaskScheduler : public std::enable_shared_from_this<TaskSched
    // again replaces its callback, and unregistering an unknown one does nothing. A callback may
    // register, unregister, schedule and destroy anything.
    //
-   // Errors: an empty function raises `std::bad_function_call` when it is called.
+   // Errors: an empty function raises `std::bad_function_call` when it is called. What a callback
+   //         throws leaves the operation on the task that led to it; in the destructor of a timer
+   //         task or a task group that ends the process.
    void registerBusyCallback( void* key, std::function<void()> callback );
    void unregisterBusyCallback( void* key );
    bool schedulerBaseBusyCallbacksRegistered() const { return !busyCallbacks_.empty(); }
@@ -203,6 +209,57 @@ class ORUQUARN_API TaskScheduler : public std::enable_shared_from_this<TaskSched
    // the records and counts of completed tasks.
    void clearStats();
 
+   // All of this scheduler at this moment, the groups under it and, for a root that is asked to,
+   // the history included. `name` stands in reports instead of the scheduler's name, unless it is
+   // empty; `displayOrder` is the caller's, to order reports by. An empty expression lets every
+   // name pass; one that is invalid gives a snapshot that says so and is empty otherwise.
+   std::shared_ptr<const TaskSchedulerSnapshot> snapshot( String name, bool includeNoRuns,
+                                                          bool includeCompleted,
+                                                          bool includeHistory, String taskNameRegex,
+                                                          std::uint32_t displayOrder ) const;
+
+   // Snapshots the scheduler and renders it at once, as the JSON document that
+   // `TaskSchedulerPrintContext` describes.
+   void statsRenderJson( std::ostream& out, bool includeNoRuns = false,
+                         bool includeCompleted = false, bool includeHistory = false,
+                         String taskNameRegex = {} ) const;
+   String statsRenderJsonToString( bool includeNoRuns = false, bool includeCompleted = false,
+                                   bool includeHistory = false, String taskNameRegex = {} ) const;
+   // The same onto a descriptor, which must be a blocking one and stays open.
+   void statsRenderJsonToBlockingFdForTest( int fd, bool includeNoRuns = false,
+                                            bool includeCompleted = false,
+                                            bool includeHistory = false,
+                                            String taskNameRegex = {} ) const;
+
+   // Renders the snapshots as one JSON document onto a descriptor, without ever blocking: a task of
+   // this scheduler renders one snapshot a run, and a descriptor task writes what fits. `done` is
+   // called at the end, when the descriptor is closed.
+   //
+   // A reader that goes away ends it quietly, as a pipe or a local stream socket tells of it.
+   // Network and sequenced-packet sockets can also bring ECONNRESET, which is fatal as every other
+   // error.
+   //
+   // Ownership: the descriptor passes to the scheduler, which closes it at the end, 0 to 2 like any
+   //            other: pass a duplicate of what is still needed. When the call fails it stays the
+   //            caller's. It is made non-blocking, for all who share it, until it is closed. The
+   //            scheduler lives until then, unless its thread ends: then the descriptor is closed
+   //            with the document cut short, and `done` is not called.
+   // Errors:    fatal when the descriptor's flags cannot be read or set; what `done` throws leaves
+   //            the scheduler's run, with everything released.
+   void
+   snapshotRenderJsonAsync( int fd,
+                            std::vector<std::shared_ptr<const TaskSchedulerSnapshot>> snapshots,
+                            std::function<void()> done );
+   void
+   snapshotRenderJsonAsync( int fd,
+                            std::vector<std::shared_ptr<const TaskSchedulerSnapshot>> snapshots );
+   void snapshotRenderJsonAsync( int fd, std::shared_ptr<const TaskSchedulerSnapshot> snapshot );
+
+   // Opens a JSON document on a stream, which outlives it, or on a blocking descriptor, which is
+   // closed with it when the flag says so.
+   static std::shared_ptr<TaskSchedulerPrintContext> PrintContextIs( std::ostream& out );
+   static std::shared_ptr<TaskSchedulerPrintContext> PrintContextIs( int fd, bool closeOnDestroy );
+
    // Keeps the set of tasks that have a forced yield.
    void taskForceYieldInTestNotify( TaskImpl* task, bool on );
    bool anyTaskForcesYieldInTest() const { return !forcedYieldTasks_.empty(); }
@@ -251,11 +308,14 @@ class ORUQUARN_API TaskScheduler : public std::enable_shared_from_this<TaskSched
    friend class TaskImpl;
    friend class TaskGroup;
    friend class TaskSchedulerRoot;
+   friend class TaskSchedulerSnapshot;
    friend class TimerTask;
    friend class CurrentlyRunningTaskAnchor;
    friend class PreserveCurrentlyRunningTaskAnchor;
 
    class ResetStatsTask;
+   class SnapshotRenderJsonTask;
+   class SnapshotWriteJsonTask;
 
    using RunQueue = IntrusiveBookmarkLinkedList<TaskImpl, &TaskImpl::taskRunQueueLink_>;
 
@@ -286,6 +346,7 @@ class ORUQUARN_API TaskScheduler : public std::enable_shared_from_this<TaskSched
    TaskImpl* _findTask( std::string_view name ) const;
    TaskPriority _statsTaskPriority() const;
    void _resetWalk( ResetStatsTask& task );
+   void _abandonRenders();
 
    const PerPriority& _of( TaskPriority priority ) const {
       return perPriority_[ priority.value() ];
@@ -301,6 +362,8 @@ class ORUQUARN_API TaskScheduler : public std::enable_shared_from_this<TaskSched
    IntrusiveListBookmark resetBookmark_;
    // Made for the first reset and kept.
    std::shared_ptr<ResetStatsTask> resetStatsTask_;
+   // The renders under way, each of which holds this scheduler in turn.
+   std::unordered_set<std::shared_ptr<SnapshotRenderJsonTask>> snapshotRenderJsonTasks_;
    std::array<PerPriority, priorities> perPriority_;
    TaskTimeStamp lastRunEndTime_;
    TaskTimeStamp lastRunStartTime_;

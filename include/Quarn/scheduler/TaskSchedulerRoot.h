@@ -114,14 +114,42 @@ class ORUQUARN_API TaskSchedulerRoot final : public TaskScheduler,
    unsigned historyEventCount() const;
    void clearHistory();
 
-   // Writes the history, newest event first: to a stream, as a string, or to standard error.
+   // Writes the history, newest event first: to a stream, to a blocking descriptor, as a string, or
+   // to standard error. With a filter, the events of the tasks whose names match, and none of
+   // schedulers; null shows all.
    void historyRenderTextForDebug( std::ostream& out ) const;
+   void historyRenderTextForDebug( std::ostream& out, TaskNameRegex const* filter ) const;
+   void historyRenderTextForDebug( int fd ) const;
    String historyRenderTextForDebugToString() const;
    void historyRenderTextForDebugStdErr() const;
 
    // The wheel of the thread's timer tasks. Nothing else belongs on it: it is served before
    // anything else, so a timer that restarts itself at once would starve the loop.
    const std::shared_ptr<TimerWheel>& timerWheelForTest() const { return timerWheel_; }
+   // Writes a report of all schedulers of this root: counts of each priority, the longest run gap,
+   // a legend, a row for each task and, when asked for, for each name of completed tasks, and the
+   // history. An empty expression shows all tasks, an invalid one none.
+   //
+   // The forms for a descriptor want a blocking one, and leave it open.
+   void statsRenderTextForDebug( std::ostream& out, bool includeNoRuns = false,
+                                 bool includeCompleted = false, bool includeTaskKeys = false,
+                                 bool includeHistory = false, String taskNameRegex = {} ) const;
+   void statsRenderTextForDebug( int fd, bool includeNoRuns = false, bool includeCompleted = false,
+                                 bool includeTaskKeys = false, bool includeHistory = false,
+                                 String taskNameRegex = {} ) const;
+   String statsRenderTextForDebugToString( bool includeNoRuns = false,
+                                           bool includeCompleted = false,
+                                           bool includeTaskKeys = false,
+                                           bool includeHistory = false,
+                                           String taskNameRegex = {} ) const;
+   void statsRenderTextForDebugStdErr() const;
+
+   // Writes a table of records, that of the largest total run time first. `title` heads the column
+   // of names, to which the tasks' keys are added when asked for; `skipped` tasks are mentioned
+   // below.
+   static void statsRenderTextTasks( std::ostream& out, BasicVector<TaskStat> stats, String title,
+                                     unsigned skipped, bool completed, bool includeTaskKeys );
+
    // Has `observer` called with each task of this root's schedulers that is about to run; an empty
    // function ends it.
    void runObserverForTestIs( std::function<void( const TaskImpl& )> observer );
@@ -134,7 +162,9 @@ class ORUQUARN_API TaskSchedulerRoot final : public TaskScheduler,
 
  private:
    friend class TaskImpl;
+   friend class TaskSchedulerSnapshot;
    friend class TimerTask;
+   friend struct ThreadEnd;
 
    // Several times a run, so without a call where there is a way: on x86-64 the C library's thread
    // number is the thread pointer.
@@ -147,6 +177,9 @@ class ORUQUARN_API TaskSchedulerRoot final : public TaskScheduler,
    }
    [[gnu::cold]] void _wrongThread() const;
    void _reevaluateYieldModes();
+   bool _hasGroupsUnder( const TaskScheduler& scheduler ) const;
+   // Ends what would keep this root and its schedulers alive for ever.
+   void abandonRenders();
 
    std::unordered_set<TaskScheduler*> schedulers_;
    std::shared_ptr<Platform::CallbackControl> callbackControl_;

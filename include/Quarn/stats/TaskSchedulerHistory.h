@@ -22,6 +22,7 @@
 namespace Quarn {
 
 class _TaskBase;
+class TaskNameRegex;
 class TaskScheduler;
 
 // What happened. The values up to `fdWritable` happen to a task, the others to a scheduler.
@@ -140,8 +141,9 @@ class ORUQUARN_API TaskSchedulerHistory {
    // Forgets all events; the capacity stays.
    void clear();
 
-   // Writes a header, a rule and a line for each event, newest first.
-   void renderText( std::ostream& out ) const;
+   // Writes a header, a rule and a line for each event, newest first. With a filter, events of
+   // schedulers have no line, nor those of tasks whose names do not match.
+   void renderText( std::ostream& out, TaskNameRegex const* filter = nullptr ) const;
 
  private:
    // Makes room for an event in front of the newest; null when the capacity is 0.
