@@ -1,4 +1,4 @@
-# What `cmake --install` lays down: headers, shared libraries, and what finds them again.
+# What `cmake --install` lays down: headers, shared libraries, what finds them again, and programs.
 #
 # Nothing that is installed names the source or the build folder, and every path is relative, so
 # that an installed tree can be moved as a whole.
@@ -33,6 +33,11 @@ install( DIRECTORY
       standins/timeout/include/
    DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
    FILES_MATCHING PATTERN "*.h" )
+
+if( ORUQUARN_TOOLS )
+   install( TARGETS oruquarn-show RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} )
+   install( FILES tools/oruquarn-show.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 )
+endif()
 
 # The CMake package.
 install( EXPORT OruQuarnTargets

@@ -20,9 +20,10 @@ packages_of() {
       ;;
    test) echo libgtest-dev libgmock-dev python3 ;;
    bench) echo libbenchmark-dev ;;
+   demo) echo python3 ;;
    format) echo clang-format-14 ;;
    ci) echo clang-14 clang-format-14 libclang-rt-14-dev ;;
-   *) die "unknown need '$1' (there are: build test bench format ci)" ;;
+   *) die "unknown need '$1' (there are: build test bench demo format ci)" ;;
    esac
 }
 
@@ -97,7 +98,7 @@ build_preset() {
 lean_build=$root/build/lean
 build_lean() {
    cmake -S "$root" -B "$lean_build" -G Ninja -DCMAKE_BUILD_TYPE=Release \
-      -DORUQUARN_WERROR=ON -DORUQUARN_TESTS=OFF -DORUQUARN_BENCH=OFF -DORUQUARN_EXAMPLES=ON
+      -DORUQUARN_WERROR=ON -DORUQUARN_TESTS=OFF -DORUQUARN_BENCH=OFF -DORUQUARN_EXAMPLES=ON -DORUQUARN_TOOLS=ON
    cmake --build "$lean_build" --parallel "$jobs" ${1:+--target "$@"}
 }
 

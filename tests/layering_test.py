@@ -36,6 +36,8 @@ HEIGHT = {
     "stats_upper": 8,
     "platform_upper": 9,
     "framework": 10,
+    # What the agents and the clients of show requests have in common.
+    "tools/show": 10,
     "testing": 11,
     "tools": 11,
     "examples": 11,
@@ -123,7 +125,11 @@ class Tree:
             name = f"{parts[0]}/{path.stem}"
             storey = self.compiled.get(name, HEADERS.get(name))
             return storey if storey in HEIGHT else None
-        return parts[0] if parts[0] in HEIGHT else None
+        # A folder within a folder may have a storey of its own.
+        for folder in ("/".join(parts[:2]), parts[0]):
+            if folder in HEIGHT:
+                return folder
+        return None
 
     def resolve(self, includer, quote, name):
         """The file of ours that an include line names; None for one of the system's."""
@@ -197,7 +203,9 @@ def self_test():
         "oruquarn_storey( timers_upper\n   TimerTask.cc )\n",
         "timers/TimerWheel.cc": "#include <Quarn/timers/TimerWheel.h>\n",
         "timers/TimerTask.cc": "#include <Quarn/timers/TimerTask.h>\n",
-        "examples/Agent.cc": "#include <Quarn/TimerWheelCpp.h>\n",
+        "examples/Agent.cc": '#include <Quarn/TimerWheelCpp.h>\n#include "tools/show/Wire.h"\n',
+        "tools/show/Wire.h": "",
+        "tools/client/Client.cc": '#include "tools/show/Wire.h"\n',
         "tests/support/Fatal.h": "",
         "tests/timers/TimerTest.cc": '#include "support/Fatal.h"\n#include <gtest/gtest.h>\n',
         "build/Generated.cc": "#include <Quarn/Nothing.h>\n",

@@ -82,6 +82,8 @@ Agent::Agent( const Options& options, const std::string& procFolder )
    }
    if( options.fastForwardHours > 0.0 ) {
       fastForward_.emplace();
+   } else {
+      showServer_ = std::make_shared<ShowServer>( root_, options.name );
    }
 }
 
@@ -122,6 +124,9 @@ void Agent::stop( std::string_view reason ) {
    linkWatch_->stop();
    if( folderWatch_ ) {
       folderWatch_->stop();
+   }
+   if( showServer_ ) {
+      showServer_->stop();
    }
    walk_->walkStop();
    endTimer_->fireLast();

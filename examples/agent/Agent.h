@@ -5,6 +5,7 @@
 //     LoadTimer takes a LoadSample
 //     LinkWatch, FolderWatch (normal) tell the EventLog what the kernel tells them
 //     NamesTimer (scavenge) forgets the names of users
+//     ShowServer, ShowSession (normal) tell clients what the scheduler is doing
 //     EndTimer (normal) ends the run
 //
 // ProcessWalk and LoadTimer are the members of the task group "samples", of priority low: sampling
@@ -25,6 +26,7 @@
 #include "examples/agent/Options.h"
 #include "examples/agent/ProcessWalk.h"
 #include "examples/agent/SampleTimer.h"
+#include "examples/agent/ShowServer.h"
 #include "examples/agent/TopList.h"
 #include "examples/agent/UserNames.h"
 #include "examples/agent/UserSummary.h"
@@ -84,6 +86,11 @@ class Agent {
    const EventLog& eventLog() const { return eventLog_; }
    UserNames& userNames() { return userNames_; }
 
+   // Null under virtual time, whose jumps would use up the time that clients are given.
+   ShowServer const* showServer() const { return showServer_.get(); }
+   // Why show requests are not answered; empty when they are, and when nobody is to ask.
+   std::string showRefusal() const { return showServer_ ? showServer_->refusal() : std::string(); }
+
    // Null when no folder is watched.
    FolderWatch const* folderWatch() const { return folderWatch_.get(); }
 
@@ -116,6 +123,7 @@ class Agent {
    std::shared_ptr<SampleTimer> namesTimer_;
    std::shared_ptr<LinkWatch> linkWatch_;
    std::shared_ptr<FolderWatch> folderWatch_;
+   std::shared_ptr<ShowServer> showServer_;
    // Null once it has done its work.
    std::shared_ptr<EndTimer> endTimer_;
    std::uint64_t walksSkipped_ = 0;

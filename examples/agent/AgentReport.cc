@@ -144,6 +144,19 @@ void renderFolder( std::ostream& out, const std::string& folder, const FolderWat
    fmt::print( out, "events lost {} times, malformed {}\n", watch.overruns(), watch.malformed() );
 }
 
+void renderShows( std::ostream& out, const Agent& agent ) {
+   ShowServer const* const server = agent.showServer();
+   if( !server ) {
+      return;
+   }
+   if( !server->refusal().empty() ) {
+      fmt::print( out, "\nShow requests: not answered: {}\n", server->refusal() );
+      return;
+   }
+   fmt::print( out, "\nShow requests to {}: {} answered, {} refused, {} given up\n",
+               agent.options().name, server->answered(), server->refused(), server->givenUp() );
+}
+
 void renderEvents( std::ostream& out, const EventLog& log ) {
    if( log.events().empty() ) {
       return;
@@ -188,6 +201,7 @@ void renderReport( std::ostream& out, Agent& agent ) {
    if( FolderWatch const* const folder = agent.folderWatch() ) {
       renderFolder( out, agent.options().watchFolder, *folder );
    }
+   renderShows( out, agent );
    renderEvents( out, agent.eventLog() );
    renderTasks( out, agent );
    out << '\n';

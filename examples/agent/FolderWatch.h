@@ -2,9 +2,10 @@
 
 #pragma once
 
-#include "examples/agent/Descriptor.h"
 #include "examples/agent/EventLog.h"
 #include "examples/agent/FolderEvents.h"
+
+#include "tools/show/Descriptor.h"
 
 #include <Quarn/Task.h>
 
@@ -46,7 +47,7 @@ class FolderWatch final : public Quarn::FileDescriptorTask {
    void _end( char const* reason );
 
    EventLog* log_;
-   Descriptor inotify_;
+   Show::Descriptor inotify_;
    std::uint64_t created_ = 0;
    std::uint64_t removed_ = 0;
    std::uint64_t written_ = 0;

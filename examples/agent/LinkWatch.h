@@ -2,9 +2,10 @@
 
 #pragma once
 
-#include "examples/agent/Descriptor.h"
 #include "examples/agent/EventLog.h"
 #include "examples/agent/LinkTable.h"
+
+#include "tools/show/Descriptor.h"
 
 #include <Quarn/Debug.h>
 #include <Quarn/Task.h>
@@ -51,7 +52,7 @@ class LinkWatch final : public Quarn::FileDescriptorTask {
    void _refusedBy( int error );
 
    std::shared_ptr<Quarn::Platform::DebugHandler> debug_;
-   Descriptor socket_;
+   Show::Descriptor socket_;
    EventLog* log_;
    LinkTable links_;
    std::string refusal_;

@@ -1,7 +1,8 @@
 #include "examples/agent/LoadSample.h"
 
-#include "examples/agent/Descriptor.h"
 #include "examples/agent/ProcText.h"
+
+#include "tools/show/Descriptor.h"
 
 #include <algorithm>
 
@@ -13,7 +14,7 @@ namespace HostAgent {
 LoadSample::LoadSample( const std::string& procFolder ) : path_( procFolder + "/loadavg" ) {}
 
 void LoadSample::take() {
-   const Descriptor file( open( path_.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK ) );
+   const Show::Descriptor file( open( path_.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK ) );
    char buffer[ 256 ];
    const ssize_t size = file.valid() ? read( file.get(), buffer, sizeof( buffer ) ) : -1;
    const auto load = size >= 0 ? parseLoadAverage( { buffer, static_cast<std::size_t>( size ) } )

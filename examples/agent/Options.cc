@@ -56,6 +56,13 @@ std::string checkJitter( const std::string& text ) {
                 : fmt::format( "'{}' is not a whole number of percent from 0 to 50", text );
 }
 
+std::string checkName( const std::string& text ) {
+   return Show::agentNameValid( text )
+                ? std::string()
+                : fmt::format( "'{}' is not a name of 1 to 64 letters, digits, '.', '_' and '-'",
+                               text );
+}
+
 std::string checkFolder( const std::string& text ) {
    return text.empty() ? "the name of the folder is empty" : std::string();
 }
@@ -97,6 +104,10 @@ std::variant<Options, ExitCode> optionsFromCommandLine( int argc, char const* co
    app.add_option( "--top", options.top, "Rows of the list of busiest processes" )
          ->check( CLI::Validator( checkTop, "" ) )
          ->type_name( "N" )
+         ->capture_default_str();
+   app.add_option( "--name", options.name, "The name by which oruquarn-show finds this agent" )
+         ->check( CLI::Validator( checkName, "" ) )
+         ->type_name( "NAME" )
          ->capture_default_str();
    app.add_option( "--watch-folder", options.watchFolder, "Watch the entries of a folder too" )
          ->check( CLI::Validator( checkFolder, "" ) )

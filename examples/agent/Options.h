@@ -2,6 +2,8 @@
 
 #pragma once
 
+#include "tools/show/ShowRequest.h"
+
 #include <iosfwd>
 #include <string>
 #include <variant>
@@ -9,6 +11,8 @@
 namespace HostAgent {
 
 struct Options {
+   // By which clients of the show socket find the agent.
+   std::string name{ Show::agentNameDefault };
    // How long to run, 0 for until a signal comes.
    double seconds = 10.0;
    // Hours of virtual time to run instead, 0 for real time.

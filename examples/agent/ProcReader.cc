@@ -1,7 +1,8 @@
 #include "examples/agent/ProcReader.h"
 
-#include "examples/agent/Descriptor.h"
 #include "examples/agent/ProcText.h"
+
+#include "tools/show/Descriptor.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -50,7 +51,7 @@ ProcReader::Step ProcReader::_read( pid_t pid, char const* entryName, ProcessRec
    const int folder = dirfd( folder_.get() );
    char path[ 32 ];
    std::snprintf( path, sizeof( path ), "%d/stat", pid );
-   const Descriptor file( openat( folder, path, O_RDONLY | O_CLOEXEC | O_NONBLOCK ) );
+   const Show::Descriptor file( openat( folder, path, O_RDONLY | O_CLOEXEC | O_NONBLOCK ) );
    if( !file.valid() ) {
       return stepOfErrno();
    }

@@ -7,6 +7,8 @@
 #include "examples/agent/AgentReport.h"
 #include "examples/agent/Options.h"
 
+#include "tools/show/Descriptor.h"
+
 #include <Quarn/Debug.h>
 #include <Quarn/base/Exception.h>
 
@@ -16,24 +18,11 @@
 #include <iostream>
 #include <memory>
 #include <sstream>
+#include <string>
 #include <string_view>
 #include <variant>
 
-#include <fcntl.h>
-#include <unistd.h>
-
 namespace {
-
-// A standard descriptor that the caller left closed would be given to the next file opened, which
-// would then receive the report. Writing to these stand-ins fails instead.
-void reserveStandardDescriptors() {
-   for( int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd ) {
-      if( fcntl( fd, F_GETFD ) < 0 ) {
-         // The lowest free number is taken, which is this one.
-         (void)open( "/dev/null", O_RDONLY );
-      }
-   }
-}
 
 int writeOut( std::string_view text ) {
    errno = 0;
@@ -53,6 +42,9 @@ int runAgent( const HostAgent::Options& options ) {
    }
    std::ostringstream report;
    auto agent = std::make_unique<HostAgent::Agent>( options );
+   if( const std::string refusal = agent->showRefusal(); !refusal.empty() ) {
+      std::cerr << "host-agent: answers no show requests: " << refusal << '\n';
+   }
    agent->run();
    HostAgent::renderReport( report, *agent );
    // Signals end the process the usual way from here on, also when nobody reads the report.
@@ -72,7 +64,7 @@ int runProgram( int argc, char** argv ) {
 } // namespace
 
 int main( int argc, char** argv ) {
-   reserveStandardDescriptors();
+   Show::reserveStandardDescriptors();
    // A reader that has gone away shows as a failed write.
    std::signal( SIGPIPE, SIG_IGN );
    try {

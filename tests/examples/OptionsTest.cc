@@ -2,18 +2,17 @@
 
 #include "examples/agent/Options.h"
 
+#include "support/Shell.h"
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <sstream>
 #include <string>
-#include <utility>
 #include <variant>
 #include <vector>
 
-#include <sys/wait.h>
 #include <unistd.h>
 
 namespace HostAgent {
@@ -44,6 +43,7 @@ TEST( OptionsTest, ValuesAtTheEdgesAreTaken ) {
    EXPECT_EQ( defaults.fastForwardHours, 0.0 );
    EXPECT_EQ( defaults.jitterPercent, 10u );
    EXPECT_EQ( defaults.watchFolder, "" );
+   EXPECT_EQ( defaults.name, "host-agent" );
    const auto least = std::get<Options>(
          parse( { "--seconds", "0", "--interval=1e-3", "--top", "1", "--trace", "X/5" } ).parsed );
    EXPECT_EQ( least.seconds, 0.0 );
@@ -52,11 +52,13 @@ TEST( OptionsTest, ValuesAtTheEdgesAreTaken ) {
    EXPECT_EQ( least.trace, "X/5" );
    EXPECT_EQ( std::get<Options>( parse( { "--interval", "3600" } ).parsed ).intervalSeconds,
               3600.0 );
-   const auto others = std::get<Options>(
-         parse( { "--fast-forward=1e-3", "--jitter", "50", "--watch-folder", "a b" } ).parsed );
+   const auto others = std::get<Options>( parse( { "--fast-forward=1e-3", "--jitter", "50",
+                                                   "--watch-folder", "a b", "--name=A-z_0.9" } )
+                                                .parsed );
    EXPECT_EQ( others.fastForwardHours, 1e-3 );
    EXPECT_EQ( others.jitterPercent, 50u );
    EXPECT_EQ( others.watchFolder, "a b" );
+   EXPECT_EQ( others.name, "A-z_0.9" );
 }
 
 TEST( OptionsTest, BadValuesGiveOneLineThatNamesTheOption ) {
@@ -70,6 +72,7 @@ TEST( OptionsTest, BadValuesGiveOneLineThatNamesTheOption ) {
          { "--fast-forward", { "0", "-0", "-1", "nan", "inf", "10000.1", "", "1h" } },
          { "--jitter", { "-1", "51", "256", "1.5", "", "nan", "10%" } },
          { "--watch-folder", { "" } },
+         { "--name", { "", "a b", "a/b", "a\n", "-x" } },
          { "--top", { "0", "-1", "1.5", "10001", "99999999999999999999", "", "nan" } },
    };
    for( const auto& [ option, values ] : cases ) {
@@ -98,22 +101,8 @@ TEST( OptionsTest, UnknownAndIncompleteArgumentsAreErrors ) {
    }
 }
 
-// What a shell command leaves: its exit code and what it wrote to standard output.
-std::pair<int, std::string> shell( const std::string& command ) {
-   FILE* pipe = popen( command.c_str(), "r" );
-   if( !pipe ) {
-      return { -1, {} };
-   }
-   std::string text;
-   char buffer[ 4096 ];
-   while( const std::size_t size = fread( buffer, 1, sizeof( buffer ), pipe ) ) {
-      text.append( buffer, size );
-   }
-   const int status = pclose( pipe );
-   return { WIFEXITED( status ) ? WEXITSTATUS( status ) : -1, text };
-}
-
-const std::string program = std::string( "'" HOST_AGENT_PROGRAM "' " );
+// Under a name that no other agent has, whose complaint would be one line more.
+const std::string program = std::string( "'" HOST_AGENT_PROGRAM "' --name t$$ " );
 
 TEST( ProgramTest, ShortRunReportsAndEndsWithZero ) {
    const auto [ code, text ] = shell( program + "--seconds 0.05 --interval 0.01 --top 3" );

@@ -1,0 +1,394 @@
+// The agent's show socket, with clients of every kind on the same loop; then both programs.
+
+#include "examples/agent/Agent.h"
+#include "examples/agent/ShowPipe.h"
+#include "examples/agent/ShowServer.h"
+
+#include "examples/ProcFolder.h"
+#include "support/Shell.h"
+#include "support/Tasks.h"
+
+#include <Quarn/LibeventFactoryCpp.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <array>
+#include <cstring>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace HostAgent {
+namespace {
+
+using Show::Descriptor;
+using Show::Kind;
+using ::testing::AllOf;
+using ::testing::HasSubstr;
+using ::testing::Not;
+using ::testing::StartsWith;
+using State = Show::Answer::State;
+
+std::size_t openDescriptors() {
+   const std::filesystem::directory_iterator folder( "/proc/self/fd" );
+   return static_cast<std::size_t>( std::distance( begin( folder ), end( folder ) ) );
+}
+
+// A pipe that was made for an answer.
+struct Pipe {
+   Pipe() {
+      int ends[ 2 ];
+      EXPECT_EQ( pipe2( ends, O_CLOEXEC ), 0 );
+      readEnd = Descriptor( ends[ 0 ] );
+      writeEnd = Descriptor( ends[ 1 ] );
+   }
+   Descriptor readEnd;
+   Descriptor writeEnd;
+};
+
+// Takes a byte from a pipe at every beat.
+struct Beat : Quarn::TimerTask {
+   Beat() : TimerTask( Quarn::schedulerRootQuarn(), Quarn::TaskPriority::low, "beat" ) {}
+   void taskExecute() override {
+      char byte;
+      EXPECT_EQ( read( slowEnd, &byte, slowEnd < 0 ? 0 : 1 ), slowEnd < 0 ? -1 : 1 );
+      if( ++beats < beatsWanted ) {
+         scheduleTaskDelay( 0.001 );
+      }
+   }
+   int slowEnd = -1;
+   int beats = 0;
+   int beatsWanted = 1;
+};
+
+class ShowTest : public ::testing::Test {
+ protected:
+   // Some turns of the loop, for what has happened already.
+   static void turns( int count = 20 ) {
+      for( ; count > 0; --count ) {
+         Quarn::doLeEventLoop( 0.0 );
+      }
+   }
+
+   template<typename Condition>
+   static void turnsUntil( Condition condition ) {
+      while( !condition() ) {
+         Quarn::doLeEventLoop( 0.001 );
+      }
+   }
+
+   // Asks, and keeps a write end only when told to.
+   Pipe ask( const std::string& record ) const {
+      Pipe pipe;
+      const Descriptor client = connect();
+      EXPECT_TRUE( Show::sendRecord( client.get(), record, pipe.writeEnd.get() ) );
+      pipe.writeEnd.reset();
+      return pipe;
+   }
+
+   Descriptor connect() const {
+      Descriptor client = Show::connectTo( name_, std::chrono::seconds( 10 ) );
+      EXPECT_TRUE( client.valid() );
+      return client;
+   }
+
+   // Everything that comes until the agent closes the pipe.
+   static std::string read( const Pipe& pipe ) {
+      fcntl( pipe.readEnd.get(), F_SETFL, O_NONBLOCK );
+      std::string bytes;
+      std::array<char, 65536> buffer;
+      for( ;; ) {
+         const ssize_t size = ::read( pipe.readEnd.get(), buffer.data(), buffer.size() );
+         if( size == 0 ) {
+            return bytes;
+         }
+         if( size > 0 ) {
+            bytes.append( buffer.data(), static_cast<std::size_t>( size ) );
+         } else {
+            Quarn::doLeEventLoop( 0.0 );
+         }
+      }
+   }
+
+   // So many tasks that no answer with "all" fits into a pipe.
+   void fill() {
+      for( int i = 0; i < 3000; ++i ) {
+         filling_.push_back( std::make_shared<testing_support::FunctionTask>(
+               root_, Quarn::TaskPriority::low, "filling" ) );
+      }
+   }
+
+   const std::string name_ = "s" + std::to_string( getpid() );
+   std::shared_ptr<Quarn::TaskSchedulerRoot> root_ = Quarn::schedulerRootQuarn();
+   std::vector<std::shared_ptr<Quarn::Task>> filling_;
+   std::shared_ptr<ShowServer> server_ = std::make_shared<ShowServer>( root_, name_ );
+};
+
+TEST_F( ShowTest, EveryKindIsAnsweredWhole ) {
+   fill();
+   const std::size_t before = openDescriptors();
+   for( const Kind kind : { Kind::text, Kind::json, Kind::history } ) {
+      const std::string word( Show::kindText( kind ) );
+      for( const std::string flags : { "", " all completed", " match Show.*" } ) {
+         const std::string bytes = read( ask( word + flags ) );
+         const auto answer = Show::parseAnswer( kind, bytes );
+         EXPECT_EQ( answer.state, State::whole ) << word << flags;
+         EXPECT_THAT( answer.text, HasSubstr( "ShowServer:read" ) ) << word << flags;
+         if( kind != Kind::history && flags == " all completed" ) {
+            EXPECT_GT( answer.text.size(), 300000u );
+            EXPECT_THAT( answer.text, AllOf( HasSubstr( "filling" ), HasSubstr( "ShowSession" ) ) );
+         } else {
+            EXPECT_THAT( answer.text, Not( HasSubstr( "filling" ) ) );
+         }
+      }
+   }
+   EXPECT_EQ( server_->answered(), 9u );
+   EXPECT_EQ( server_->sessions(), 0u );
+   EXPECT_EQ( openDescriptors(), before );
+}
+
+TEST_F( ShowTest, WhatIsNoRequestGetsOneLine ) {
+   const struct {
+      std::string record;
+      char const* says;
+   } cases[] = {
+         { "bogus", "error: the request is not understood" },
+         { std::string(), "error: the request is not understood" },
+         { std::string( "text\0", 5 ), "error: the request is not understood" },
+         { "text match " + std::string( Show::requestSizeMax, 'a' ),
+           "error: the request is too long\n" },
+         { "text match (", "error: Mismatched '('" },
+         { "json match " + std::string( 2049, 'a' ), "error: Regular expression is too long" },
+   };
+   for( const auto& [ record, says ] : cases ) {
+      const std::string answer = read( ask( record ) );
+      EXPECT_THAT( answer, StartsWith( says ) ) << record.size();
+      EXPECT_EQ( Show::parseAnswer( Kind::json, answer ).state, State::refused );
+   }
+   EXPECT_EQ( server_->refused(), std::size( cases ) );
+}
+
+TEST_F( ShowTest, WhatIsNoWriteEndOfAPipeIsClosedUntouched ) {
+   Pipe pipe;
+   int sockets[ 2 ];
+   ASSERT_EQ( socketpair( AF_UNIX, SOCK_STREAM, 0, sockets ), 0 );
+   const Descriptor ends[] = { Descriptor( sockets[ 0 ] ), Descriptor( sockets[ 1 ] ) };
+   const Descriptor file( memfd_create( "file", MFD_CLOEXEC ) );
+   const Descriptor null( open( "/dev/null", O_WRONLY ) );
+   const std::string path = "/proc/self/fd/" + std::to_string( pipe.writeEnd.get() );
+   const Descriptor onlyPath( open( path.c_str(), O_PATH ) );
+   const std::size_t before = openDescriptors();
+   std::size_t sent = 0;
+   for( const int fd : { sockets[ 0 ], file.get(), null.get(), pipe.readEnd.get(), onlyPath.get(),
+                         server_->taskWatchFd() } ) {
+      ASSERT_TRUE( Show::sendRecord( connect().get(), "text", fd ) );
+      ++sent;
+   }
+   // None at all.
+   ASSERT_EQ( send( connect().get(), "text", 4, 0 ), 4 );
+   ++sent;
+   // Gone without a word.
+   connect().reset();
+   turnsUntil( [ & ] { return server_->refused() == sent && server_->sessions() == 0; } );
+   char byte;
+   EXPECT_EQ( recv( sockets[ 1 ], &byte, 1, MSG_DONTWAIT ), -1 );
+   EXPECT_EQ( lseek( file.get(), 0, SEEK_END ), 0 );
+   EXPECT_EQ( openDescriptors(), before );
+}
+
+TEST_F( ShowTest, SurplusDescriptorsAreClosedAndRefused ) {
+   const std::size_t before = openDescriptors();
+   // Some of twelve have no room in what the agent receives.
+   for( const std::size_t count : { 2u, 12u } ) {
+      Pipe pipe;
+      const std::vector<int> fds( count, pipe.writeEnd.get() );
+      alignas( cmsghdr ) std::array<char, CMSG_SPACE( 12 * sizeof( int ) )> control{};
+      iovec part{ const_cast<char*>( "text" ), 4 };
+      msghdr message{};
+      message.msg_iov = &part;
+      message.msg_iovlen = 1;
+      message.msg_control = control.data();
+      message.msg_controllen = CMSG_SPACE( count * sizeof( int ) );
+      cmsghdr* const header = CMSG_FIRSTHDR( &message );
+      header->cmsg_level = SOL_SOCKET;
+      header->cmsg_type = SCM_RIGHTS;
+      header->cmsg_len = CMSG_LEN( count * sizeof( int ) );
+      std::memcpy( CMSG_DATA( header ), fds.data(), count * sizeof( int ) );
+      ASSERT_EQ( sendmsg( connect().get(), &message, 0 ), 4 );
+      pipe.writeEnd.reset();
+      EXPECT_EQ( read( pipe ), "error: more than one descriptor came with the request\n" );
+   }
+   EXPECT_EQ( openDescriptors(), before );
+}
+
+TEST_F( ShowTest, ReaderThatGoesEndsItsSessionAndNothingElse ) {
+   fill();
+   const std::size_t before = openDescriptors();
+   for( char const* record : { "text all", "json all", "text match (" } ) {
+      for( const int late : { 0, 20 } ) {
+         Pipe pipe = ask( record );
+         // At first nothing has been written; later the pipe is full.
+         turns( late );
+         pipe.readEnd.reset();
+         turnsUntil( [ & ] { return openDescriptors() == before && server_->sessions() == 0; } );
+      }
+   }
+   // The process has not been ended by SIGPIPE, whose handling is the default one here.
+   EXPECT_EQ( Show::parseAnswer( Kind::text, read( ask( "text" ) ) ).state, State::whole );
+}
+
+TEST_F( ShowTest, ReaderThatNeverReadsIsGivenUp ) {
+   fill();
+   server_.reset();
+   server_ = std::make_shared<ShowServer>( root_, name_, 0.02 );
+   const std::size_t before = openDescriptors();
+   for( const Kind kind : { Kind::text, Kind::json } ) {
+      const Pipe pipe = ask( std::string( Show::kindText( kind ) ) + " all" );
+      const Descriptor idle = connect();
+      const std::uint64_t givenUp = server_->givenUp();
+      turnsUntil( [ & ] { return server_->givenUp() == givenUp + 1; } );
+      turnsUntil( [ & ] { return server_->sessions() == 0; } );
+      EXPECT_EQ( Show::parseAnswer( kind, read( pipe ) ).state, State::brokenOff );
+   }
+   EXPECT_EQ( server_->answered(), 0u );
+   EXPECT_EQ( openDescriptors(), before );
+}
+
+TEST_F( ShowTest, TimersRunOnTimeWhileAReaderTakesAByteATime ) {
+   fill();
+   // A client that makes the pipe blocking again behind the agent's back.
+   Pipe slow;
+   ASSERT_TRUE( Show::sendRecord( connect().get(), "text all", slow.writeEnd.get() ) );
+   const Pipe document = ask( "json all" );
+   turnsUntil( [ & ] { return server_->sessions() == 2; } );
+   turns();
+   EXPECT_EQ( fcntl( slow.writeEnd.get(), F_GETFL ) & O_NONBLOCK, 0 );
+   const auto beat = std::make_shared<Beat>();
+   beat->beatsWanted = 100;
+   beat->slowEnd = slow.readEnd.get();
+   const std::uint64_t before = root_->runTaskCount( Quarn::TaskPriority::normal ) +
+                                root_->runTaskCount( Quarn::TaskPriority::scavenge );
+   beat->scheduleTaskDelay( 0.001 );
+   turnsUntil( [ & ] { return beat->beats == 100; } );
+   // A hundred bytes make no room for more, so nothing else has had anything to do.
+   EXPECT_LE( root_->runTaskCount( Quarn::TaskPriority::normal ) +
+                    root_->runTaskCount( Quarn::TaskPriority::scavenge ) - before,
+              2u );
+   EXPECT_EQ( server_->sessions(), 2u );
+}
+
+TEST_F( ShowTest, ClientsBeyondTheBoundWaitForTheirTurn ) {
+   std::vector<Descriptor> clients;
+   for( std::size_t i = 0; i < ShowServer::sessionsMax + 3; ++i ) {
+      clients.push_back( connect() );
+   }
+   const Pipe last = ask( "text" );
+   turns( 50 );
+   EXPECT_EQ( server_->sessions(), ShowServer::sessionsMax );
+   clients.clear();
+   EXPECT_EQ( Show::parseAnswer( Kind::text, read( last ) ).state, State::whole );
+   EXPECT_EQ( server_->sessions(), 0u );
+}
+
+TEST_F( ShowTest, NameIsFreeAgainWhenItsAgentHasStopped ) {
+   const auto second = std::make_shared<ShowServer>( root_, name_ );
+   EXPECT_EQ( second->refusal(), "another agent has the name '" + name_ + "'" );
+   fill();
+   const Pipe never = ask( "json all" );
+   const Pipe neverText = ask( "text all" );
+   const Descriptor idle = connect();
+   turnsUntil( [ & ] { return server_->sessions() == 3; } );
+   turns();
+   server_->stop();
+   const auto third = std::make_shared<ShowServer>( root_, name_ );
+   EXPECT_EQ( third->refusal(), "" );
+   third->stop();
+   second->stop();
+   // The loop ends by itself, although nobody reads. The last pass of the timers disarms the wheel.
+   const auto last = std::make_shared<Beat>();
+   last->scheduleTaskDelay( -1.0 );
+   Quarn::doLeEventLoop();
+   EXPECT_EQ( server_->sessions(), 0u );
+   EXPECT_EQ( server_->givenUp(), 2u );
+}
+
+TEST_F( ShowTest, ForkedClientOfAnotherUserIsRefused ) {
+   if( geteuid() != 0 ) {
+      GTEST_SKIP() << "only root can become another user";
+   }
+   const pid_t child = fork();
+   if( child == 0 ) {
+      bool refused = setuid( 65534 ) == 0;
+      const Pipe pipe = ask( "text" );
+      char buffer[ 256 ];
+      const ssize_t size = ::read( pipe.readEnd.get(), buffer, sizeof( buffer ) );
+      refused = refused && size > 0 &&
+                std::string_view( buffer, static_cast<std::size_t>( size ) ) ==
+                      "error: only the user of this agent and root may ask\n";
+      _exit( refused ? 0 : 1 );
+   }
+   int status = -1;
+   turnsUntil( [ & ] { return waitpid( child, &status, WNOHANG ) == child; } );
+   EXPECT_EQ( status, 0 );
+   EXPECT_EQ( server_->refused(), 1u );
+}
+
+TEST( ShowPipeTest, LineIsDroppedWhereItWouldWait ) {
+   Pipe pipe;
+   fcntl( pipe.writeEnd.get(), F_SETPIPE_SZ, 4096 );
+   const std::string full( 4096, 'x' );
+   ASSERT_EQ( write( pipe.writeEnd.get(), full.data(), full.size() ), 4096 );
+   writeLineAtOnce( pipe.writeEnd.get(), "line\n" );
+   pipe.readEnd.reset();
+   writeLineAtOnce( pipe.writeEnd.get(), "line\n" );
+   sigset_t pending;
+   sigpending( &pending );
+   EXPECT_FALSE( sigismember( &pending, SIGPIPE ) );
+}
+
+#ifdef SHOW_PROGRAM
+
+// Runs the agent while the command does, with both in variables of the shell.
+std::pair<int, std::string> besideAgent( const std::string& command ) {
+   return shell( "name=p$$; show='" SHOW_PROGRAM "'; agent='" HOST_AGENT_PROGRAM "'; "
+                 "\"$agent\" --seconds 0 --name $name >/dev/null & "
+                 "\"$show\" $name --wait 20 --all >/dev/null; { " +
+                 command + " ; }; code=$?; kill $!; wait $!; exit $code" );
+}
+
+TEST( ShowProgramTest, RunningAgentAnswersTheClient ) {
+   EXPECT_THAT( besideAgent( "$show $name" ),
+                ::testing::Pair( 0, AllOf( StartsWith( "Priority " ), HasSubstr( "WalkTimer " ),
+                                           Not( HasSubstr( "\x1b" ) ) ) ) );
+   EXPECT_THAT( besideAgent( "$show $name history --match WalkTimer" ),
+                ::testing::Pair( 0, AllOf( StartsWith( "Last " ), HasSubstr( "WalkTimer" ) ) ) );
+   EXPECT_EQ( besideAgent( "$show $name --match '(' 2>/dev/null" ).first, 1 );
+   EXPECT_THAT( besideAgent( "$agent --seconds 0.01 --name $name 2>&1" ),
+                ::testing::Pair( 0, HasSubstr( "answers no show requests: another agent has" ) ) );
+   EXPECT_EQ( besideAgent( "kill -STOP $!; $show $name --timeout 0.1 2>/dev/null; code=$?; "
+                           "kill -CONT $!; (exit $code)" )
+                    .first,
+              4 );
+}
+
+TEST( ShowProgramTest, JsonPassesAnotherParser ) {
+   if( shell( "command -v python3" ).first != 0 ) {
+      GTEST_SKIP() << "there is no python3";
+   }
+   EXPECT_EQ( besideAgent( "$show $name json --all --completed | python3 -c 'import json, sys\n"
+                           "root = json.loads( sys.stdin.buffer.read() )[ \"schedulers\" ]\n"
+                           "print( *root, root[ \"main\" ][ \"isRootScheduler\" ] )'" ),
+              std::pair( 0, std::string( "main True\n" ) ) );
+}
+
+#endif
+
+} // namespace
+} // namespace HostAgent

@@ -1,0 +1,161 @@
+// The client: what it makes of reports, and the program with agents that do not behave.
+
+#include "tools/oruquarn-show/Paint.h"
+#include "tools/show/ShowSocket.h"
+
+#include "support/Shell.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <future>
+#include <string>
+
+#include <poll.h>
+#include <pty.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace OruQuarnShow {
+namespace {
+
+using namespace std::string_literals;
+using ::testing::AllOf;
+using ::testing::EndsWith;
+using ::testing::HasSubstr;
+using ::testing::Not;
+
+TEST( PaintTest, BytesThatCouldSteerATerminalAreReplacedOneByOne ) {
+   EXPECT_EQ( harmless( "a\x1b[2J\t\r\x7F\0b\n"s ), "a?[2J????b\n" );
+   EXPECT_EQ( harmless( "\u00e9 \u20ac \U0001f600 \u00a0" ), "\u00e9 \u20ac \U0001f600 \u00a0" );
+   // One-byte and two-byte CSI, overlong, surrogate, too large, cut, lone continuation.
+   EXPECT_EQ( harmless( "\x9b \xc2\x9b \xc0\x9b \xe0\x82\x9b \xed\xa0\x80 \xf4\x90\x80\x80 \xf5 "
+                        "\x80 \xe2\x82" ),
+              "? ?? ?? ??? ??? ???? ? ? ??" );
+}
+
+constexpr char report[] = "Priority\nnormal\nslip\n\nSP   = legend\nMore = legend\n\n"
+                          "TaskName SP   RunCount      TotalSec Last/Max-Delay 200% 500% MaxMs\n"
+                          "--------\n"
+                          "severe 1  n          1         0.002  0.001   0.001    3    1     2\n"
+                          "moderate  n          1         0.002  0.001   0.001    1    0     2\n"
+                          "queued    N          1         0.002  0.001   0.001    0    0     2\n"
+                          "idle 9 9 tn          1         0.002  0.001   0.001    0    0     2\n"
+                          "Skipped 2 tasks with no runs\n";
+
+TEST( PaintTest, RowsAreColouredByWhatTheTaskDid ) {
+   const std::string text = coloured( report );
+   EXPECT_THAT( text, AllOf( HasSubstr( "\x1b[1mPriority\x1b[0m\n" ),
+                             HasSubstr( "\x1b[1mTaskName" ), HasSubstr( "\x1b[31msevere" ),
+                             HasSubstr( "\x1b[33mmoderate" ), HasSubstr( "\x1b[32mqueued" ),
+                             HasSubstr( "\nidle" ), HasSubstr( "\nSkipped" ) ) );
+   EXPECT_THAT( withoutLegend( report ),
+                AllOf( HasSubstr( "slip\n\nTaskName" ), Not( HasSubstr( "legend" ) ) ) );
+   EXPECT_EQ( withoutLegend( "\nTaskName\n\nSP " ), "\nTaskName\n\nSP " );
+   EXPECT_EQ( coloured( "" ), "" );
+}
+
+const std::string program = "'" SHOW_PROGRAM "' ";
+
+std::string uniqueName() { return "c" + std::to_string( getpid() ); }
+
+// Serves one client with the bytes, whatever it asked.
+std::string serve( int listening, const std::string& bytes ) {
+   const auto waitFor = []( int fd ) {
+      pollfd readable{ fd, POLLIN, 0 };
+      return poll( &readable, 1, 20000 ) == 1;
+   };
+   EXPECT_TRUE( waitFor( listening ) );
+   const Show::Descriptor client = Show::acceptClient( listening );
+   EXPECT_TRUE( client.valid() && waitFor( client.get() ) );
+   const Show::Received received = Show::receiveRecord( client.get() );
+   EXPECT_EQ( write( received.passed.get(), bytes.data(), bytes.size() ),
+              static_cast<ssize_t>( bytes.size() ) );
+   return received.record;
+}
+
+TEST( ClientThreadTest, ExitCodeSaysHowItWent ) {
+   const Show::Descriptor listening = Show::listenAs( uniqueName() );
+   ASSERT_TRUE( listening.valid() );
+   const struct {
+      char const* arguments;
+      std::string answer;
+      int code;
+      std::string record;
+      std::string says;
+   } cases[] = {
+         { "", "ok 3\na\tb", 0, "text", "a\tb" },
+         { "json --all", "{\"\\u001b\x1b\":\"\xFF\"}", 0, "json all",
+           "{\"\\u001b\x1b\":\"\xFF\"}" },
+         { "history --completed --match ' x '", "error: no\x1b\n", 1, "history completed match  x ",
+           "oruquarn-show: " + uniqueName() + ": no?\n" },
+         { "", "ok 4\nabc", 1, "text",
+           "oruquarn-show: the answer of " + uniqueName() + " broke off\n" },
+         { "json", "", 1, "json", "oruquarn-show: " + uniqueName() + " gave no answer\n" },
+         { ">/dev/full", "ok 1\nx", 5, "text",
+           "oruquarn-show: cannot write to standard output: No space left on device\n" },
+   };
+   for( const auto& [ arguments, answer, code, record, says ] : cases ) {
+      auto run = std::async( std::launch::async, shell,
+                             "{ " + program + uniqueName() + " " + arguments + "; } 2>&1" );
+      EXPECT_EQ( serve( listening.get(), answer ), record );
+      EXPECT_EQ( run.get(), std::pair( code, says ) ) << arguments;
+   }
+   // Nobody accepts.
+   EXPECT_EQ( shell( program + uniqueName() + " --timeout 0.05 2>/dev/null" ).first, 4 );
+   EXPECT_EQ( shell( program + "none-" + uniqueName() + " --wait 0.05 2>/dev/null" ).first, 3 );
+   for( char const* wrong : { "'a b'", "x yaml", "--watch nan", "--watch 0", "--timeout 1h",
+                              "--bogus", "--wait -1", "x text y" } ) {
+      EXPECT_EQ( shell( program + wrong + " 2>/dev/null" ).first, 2 ) << wrong;
+   }
+   EXPECT_THAT( shell( program + "--help" ), ::testing::Pair( 0, HasSubstr( "--watch" ) ) );
+   EXPECT_THAT( shell( program + "--version" ),
+                ::testing::Pair( 0, HasSubstr( "oruquarn-show " ) ) );
+}
+
+TEST( ClientForkTest, WatchRedrawsInPlaceAndASignalBringsTheScreenBack ) {
+   const std::string name = uniqueName();
+   const Show::Descriptor listening = Show::listenAs( name );
+   for( const int signal : { SIGINT, SIGTERM, SIGPIPE } ) {
+      int terminal = -1;
+      winsize size{ 4, 80, 0, 0 };
+      const pid_t client = forkpty( &terminal, nullptr, nullptr, &size );
+      if( client == 0 ) {
+         setenv( "TERM", "xterm", 1 );
+         unsetenv( "NO_COLOR" );
+         execl( SHOW_PROGRAM, SHOW_PROGRAM, name.c_str(), "--watch", "0.1", nullptr );
+         _exit( 127 );
+      }
+      ASSERT_GT( client, 0 );
+      const Show::Descriptor owned( terminal );
+      std::string screen;
+      char buffer[ 4096 ];
+      for( int round = 0; round < 2; ++round ) {
+         serve( listening.get(), "ok 11\na\x1b\nb\nc\nd\ne\n" );
+         while( screen.find( "\x1b[J" ) == screen.npos ) {
+            const ssize_t got = read( terminal, buffer, sizeof( buffer ) );
+            ASSERT_GT( got, 0 );
+            screen.append( buffer, static_cast<std::size_t>( got ) );
+         }
+         EXPECT_EQ( screen.find( "\x1b[?1049h" ) != screen.npos, round == 0 );
+         // The title and as many lines as fit; no name steers the terminal.
+         EXPECT_THAT( screen, AllOf( HasSubstr( "\x1b[1ma?\x1b[0m" ), HasSubstr( "\nc" ),
+                                     Not( HasSubstr( "\nd" ) ) ) );
+         screen.clear();
+      }
+      kill( client, signal );
+      ssize_t got = 0;
+      while( ( got = read( terminal, buffer, sizeof( buffer ) ) ) > 0 ) {
+         screen.append( buffer, static_cast<std::size_t>( got ) );
+      }
+      int status = 0;
+      ASSERT_EQ( waitpid( client, &status, 0 ), client );
+      EXPECT_TRUE( WIFSIGNALED( status ) );
+      EXPECT_EQ( WTERMSIG( status ), signal );
+      EXPECT_THAT( screen, EndsWith( "\x1b[?25h\x1b[?1049l" ) );
+   }
+}
+
+} // namespace
+} // namespace OruQuarnShow
