@@ -8,6 +8,7 @@
 #include <chrono>
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -17,6 +18,9 @@
 namespace bench {
 
 using Time = std::chrono::duration<double, std::nano>;
+
+// What there is to tell of a side beside its time, by name.
+using PlainValues = std::map<std::string, double>;
 
 // What the two sides of a figure work on. Made before the first round of its figure and destroyed
 // before the next figure begins.
@@ -30,6 +34,17 @@ class Sides {
    // Does one slice of a round and returns how long the part took that the figure is about.
    virtual Time ours() = 0;
    virtual Time floor() = 0;
+
+   // Of the last slice. A value may be missing when it cannot be had.
+   virtual PlainValues oursPlain() const { return {}; }
+   virtual PlainValues floorPlain() const { return {}; }
+};
+
+// A plain value of a figure's that is reported, under the figure's name, "_" and its own. It has
+// neither ratio nor goal.
+struct PlainFigure {
+   std::string name;
+   std::string unit;
 };
 
 struct Figure {
@@ -43,6 +58,9 @@ struct Figure {
    // A round takes the sides in so many slices, in turns. Other work on the machine comes and goes
    // in milliseconds and may halve a processor's speed; short slices have both sides meet it alike.
    int slices = 1;
+   std::vector<PlainFigure> plain{};
+   // The plain figures alone are reported, where the times of the sides say nothing.
+   bool plainOnly = false;
 };
 
 constexpr int manySlices = 50;
@@ -77,6 +95,8 @@ void timerTaskFigures( std::vector<Figure>& figures );
 void wheelFigures( std::vector<Figure>& figures );
 void fdFigures( std::vector<Figure>& figures );
 void statsFigures( std::vector<Figure>& figures );
+void filterFigures( std::vector<Figure>& figures );
+void deliveryFigures( std::vector<Figure>& figures );
 void pathFigures( std::vector<Figure>& figures );
 
 } // namespace bench

@@ -7,6 +7,7 @@
 
 #include "Figure.h"
 #include "Report.h"
+#include "SlowReader.h"
 
 #include <benchmark/benchmark.h>
 #include <fmt/format.h>
@@ -68,13 +69,19 @@ Options takeOptions( int& argc, char** argv ) {
    return options;
 }
 
+// What one side took in a round.
+struct Taken {
+   Time time;
+   PlainValues plain;
+};
+
 // The figure being measured. Only one figure's sides are alive, so that the memory and the timers
 // of one do not weigh on the next.
 class Stage {
  public:
-   // What one side took in a round. The first side to be asked for measures both, and the other's
-   // share waits until it is asked for.
-   Time take( const Figure& figure, bool ours ) {
+   // The first side to be asked for measures both, and the other's share waits until it is asked
+   // for.
+   Taken take( const Figure& figure, bool ours ) {
       if( figure_ != &figure ) {
          clear();
          sides_ = figure.make();
@@ -106,8 +113,8 @@ class Stage {
             ours.push_back( sides_->ours() );
          }
       }
-      ours_ = _total( std::move( ours ) );
-      floor_ = _total( std::move( floor ) );
+      ours_ = { _total( std::move( ours ) ), sides_->oursPlain() };
+      floor_ = { _total( std::move( floor ) ), sides_->floorPlain() };
    }
 
    // The mean of the middle half of the slices, times their number: a slice in which the thread was
@@ -124,8 +131,8 @@ class Stage {
 
    Figure const* figure_ = nullptr;
    std::unique_ptr<Sides> sides_;
-   std::optional<Time> ours_;
-   std::optional<Time> floor_;
+   std::optional<Taken> ours_;
+   std::optional<Taken> floor_;
 };
 
 void registerSide( Stage& stage, const Figure& figure, bool ours, int round ) {
@@ -135,8 +142,9 @@ void registerSide( Stage& stage, const Figure& figure, bool ours, int round ) {
    benchmark::RegisterBenchmark( name.c_str(),
                                  [ &stage, &figure, ours, count ]( benchmark::State& state ) {
                                     while( state.KeepRunningBatch( count ) ) {
-                                       const Time time = stage.take( figure, ours );
+                                       const auto [ time, plain ] = stage.take( figure, ours );
                                        state.SetIterationTime( time.count() / 1e9 );
+                                       state.counters.insert( plain.begin(), plain.end() );
                                     }
                                  } )
          ->Iterations( count )
@@ -145,6 +153,9 @@ void registerSide( Stage& stage, const Figure& figure, bool ours, int round ) {
 }
 
 int run( int argc, char** argv ) {
+   if( argc == 3 && std::string_view( argv[ 1 ] ) == SlowReader::option ) {
+      return SlowReader::read( argv[ 2 ] );
+   }
    const Options options = takeOptions( argc, argv );
    benchmark::Initialize( &argc, argv );
    if( benchmark::ReportUnrecognizedArguments( argc, argv ) ) {
@@ -158,6 +169,8 @@ int run( int argc, char** argv ) {
    wheelFigures( figures );
    fdFigures( figures );
    statsFigures( figures );
+   filterFigures( figures );
+   deliveryFigures( figures );
    pathFigures( figures );
 
    Stage stage;

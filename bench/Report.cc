@@ -17,6 +17,14 @@ double median( std::vector<double> values ) {
    return values.size() % 2 != 0 ? values[ half ] : ( values[ half - 1 ] + values[ half ] ) / 2;
 }
 
+std::string medianText( const std::vector<double>& values, char const* none ) {
+   return values.empty() ? none : fmt::format( "{:.1f}", median( values ) );
+}
+
+std::string fullName( std::string_view figure, std::string_view plain ) {
+   return fmt::format( "{}_{}", figure, plain );
+}
+
 // The lowest and the highest ratio of a single round: how far to trust the row.
 std::string spread( const std::vector<double>& ours, const std::vector<double>& floor ) {
    const std::size_t rounds = std::min( ours.size(), floor.size() );
@@ -53,11 +61,16 @@ void Report::ReportRuns( const std::vector<Run>& runs ) {
       Rounds& rounds = entry->second;
       const bool isOurs = name.substr( slash + 1 ).starts_with( oursName );
       ( isOurs ? rounds.ours : rounds.floor ).push_back( run.GetAdjustedRealTime() );
+      for( const auto& [ plainName, value ] : run.counters ) {
+         Rounds& plain = plainRounds_[ fullName( figure, plainName ) ];
+         ( isOurs ? plain.ours : plain.floor ).push_back( value );
+      }
    }
 }
 
 void Report::Finalize() {
    _writeTable();
+   _writePlainTable();
    if( !jsonFile_.empty() ) {
       _writeJson();
    }
@@ -69,7 +82,7 @@ void Report::_writeTable() {
                        "floor ns", "ratio", "goal", "", "ratios of single rounds" );
    for( const Figure& figure : figures_ ) {
       const auto entry = rounds_.find( figure.name );
-      if( entry == rounds_.end() ) {
+      if( entry == rounds_.end() || figure.plainOnly ) {
          continue;
       }
       const auto& [ ours, floor ] = entry->second;
@@ -94,13 +107,47 @@ void Report::_writeTable() {
    out << std::flush;
 }
 
+std::vector<Report::Plain> Report::_plain() const {
+   std::vector<Plain> all;
+   for( const Figure& figure : figures_ ) {
+      for( const PlainFigure& plain : figure.plain ) {
+         const auto entry = plainRounds_.find( fullName( figure.name, plain.name ) );
+         if( entry != plainRounds_.end() ) {
+            all.push_back( { entry->first, plain.unit, entry->second } );
+         }
+      }
+   }
+   return all;
+}
+
+void Report::_writePlainTable() {
+   const std::vector<Plain> all = _plain();
+   if( all.empty() ) {
+      return;
+   }
+   std::ostream& out = GetOutputStream();
+   out << fmt::format( "\n{:<28} {:>12} {:>12}  {:<8} {}\n", "plain figure", "ours", "floor",
+                       "unit", "single rounds of ours" );
+   for( const auto& [ name, unit, rounds ] : all ) {
+      std::string single;
+      if( !rounds.ours.empty() ) {
+         const auto [ low, high ] = std::ranges::minmax( rounds.ours );
+         single = fmt::format( "{:.1f} to {:.1f}", low, high );
+      }
+      out << fmt::format( "{:<28} {:>12} {:>12}  {:<8} {}\n", name, medianText( rounds.ours, "-" ),
+                          medianText( rounds.floor, "-" ), unit, single );
+   }
+   out << std::flush;
+}
+
 void Report::_writeJson() {
    std::ofstream file( jsonFile_ );
    char const* separator = "";
    file << "[";
    for( const Figure& figure : figures_ ) {
       const auto entry = rounds_.find( figure.name );
-      if( entry == rounds_.end() || entry->second.ours.empty() || entry->second.floor.empty() ) {
+      if( figure.plainOnly || entry == rounds_.end() || entry->second.ours.empty() ||
+          entry->second.floor.empty() ) {
          continue;
       }
       const double ours = median( entry->second.ours );
@@ -109,6 +156,13 @@ void Report::_writeJson() {
                            "\"ratio\": {:.4f}, \"goal\": {}}}",
                            separator, figure.name, ours, floor, ours / floor,
                            figure.goal ? fmt::format( "{:g}", *figure.goal ) : "null" );
+      separator = ",";
+   }
+   for( const auto& [ name, unit, rounds ] : _plain() ) {
+      file << fmt::format( "{}\n  {{\"name\": \"{}\", \"unit\": \"{}\", \"ours\": {}, "
+                           "\"floor\": {}}}",
+                           separator, name, unit, medianText( rounds.ours, "null" ),
+                           medianText( rounds.floor, "null" ) );
       separator = ",";
    }
    file << "\n]\n";

@@ -1,4 +1,5 @@
-// Gathers the rounds of all figures and tells the result: a table, and a file for programs.
+// Gathers the rounds of all figures and tells the result: a table of those with two sides, one of
+// the plain figures, and a file of both for programs.
 
 #pragma once
 
@@ -30,18 +31,29 @@ class Report final : public benchmark::BenchmarkReporter {
    bool written() const { return written_; }
 
  private:
-   // Nanoseconds for one operation, a value for each round.
+   // A value for each round.
    struct Rounds {
       std::vector<double> ours;
       std::vector<double> floor;
    };
+   // A plain figure that has values.
+   struct Plain {
+      std::string name;
+      std::string unit;
+      const Rounds& rounds;
+   };
 
    void _writeTable();
+   void _writePlainTable();
    void _writeJson();
+   std::vector<Plain> _plain() const;
 
    std::span<const Figure> figures_;
    std::string jsonFile_;
+   // Nanoseconds for one operation.
    std::map<std::string, Rounds, std::less<>> rounds_;
+   // By the plain figure's full name, in its unit.
+   std::map<std::string, Rounds, std::less<>> plainRounds_;
    bool written_ = true;
 };
 

@@ -1,9 +1,7 @@
 // Records of many tasks against copies of records.
 
 #include "Figure.h"
-
-#include <Quarn/Task.h>
-#include <Quarn/TaskSchedulerCpp.h>
+#include "NamedTask.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -20,24 +18,17 @@ namespace bench {
 namespace {
 
 constexpr std::int64_t tasks = 100'000;
+constexpr std::int64_t fewTasks = 1'000;
 
-class NamedTask final : public Quarn::Task {
- public:
-   NamedTask( std::shared_ptr<Quarn::TaskScheduler> scheduler, std::int64_t number )
-         : Task( std::move( scheduler ), Quarn::TaskPriority::normal,
-                 Quarn::String( fmt::format( "bench-named-task-{:06}", number ) ) ) {}
-
- private:
-   void taskExecute() override {}
-};
+// Megabytes a second.
+double rate( std::size_t bytes, Time time ) {
+   return static_cast<double>( bytes ) / 1e6 / std::chrono::duration<double>( time ).count();
+}
 
 class SelectSides final : public Sides {
  public:
    SelectSides() {
-      for( std::int64_t i = 0; i < tasks; ++i ) {
-         tasks_.push_back( std::make_shared<NamedTask>( root_, i ) );
-         tasks_.back()->taskRunFromTest();
-      }
+      addNamedTasks( tasks_, root_, tasks, false );
       root_->getTaskStats( prepared_, false );
       selected_.reserve( prepared_.size() );
       copied_.reserve( prepared_.size() );
@@ -64,7 +55,7 @@ class SelectSides final : public Sides {
  private:
    std::shared_ptr<Quarn::TaskSchedulerRoot> root_ =
          Quarn::schedulerRootQuarnNonShared( "BenchStatsRoot" );
-   std::vector<std::shared_ptr<NamedTask>> tasks_;
+   NamedTasks tasks_;
    Quarn::BasicVector<Quarn::TaskStat> prepared_;
    Quarn::BasicVector<Quarn::TaskStat> selected_;
    Quarn::BasicVector<Quarn::TaskStat> copied_;
@@ -73,11 +64,8 @@ class SelectSides final : public Sides {
 // A snapshot of a root without groups, all of whose tasks have run.
 class SnapshotSides final : public Sides {
  public:
-   SnapshotSides() {
-      for( std::int64_t i = 0; i < tasks; ++i ) {
-         tasks_.push_back( std::make_shared<NamedTask>( root_, i ) );
-         tasks_.back()->taskRunFromTest();
-      }
+   explicit SnapshotSides( std::int64_t count ) {
+      addNamedTasks( tasks_, root_, count, false );
       root_->getTaskStats( prepared_, false );
    }
 
@@ -104,24 +92,15 @@ class SnapshotSides final : public Sides {
  private:
    std::shared_ptr<Quarn::TaskSchedulerRoot> root_ =
          Quarn::schedulerRootQuarnNonShared( "BenchSnapshotRoot" );
-   std::vector<std::shared_ptr<NamedTask>> tasks_;
+   NamedTasks tasks_;
    Quarn::BasicVector<Quarn::TaskStat> prepared_;
 };
 
 // A snapshot as JSON. The floor has the records sorted and puts the tasks' members alone.
 class JsonSides final : public Sides {
  public:
-   JsonSides() {
-      for( std::int64_t i = 0; i < tasks; ++i ) {
-         NamedTask& task = *tasks_.emplace_back( std::make_shared<NamedTask>( root_, i ) );
-         task.taskRunFromTest();
-         // Half of the tasks report work.
-         if( i % 2 == 0 ) {
-            task.taskWorkCountInc( static_cast<unsigned long>( i ) );
-            task.taskWorkCountInc( 7 );
-            task.taskWorkPendingIs( 3 );
-         }
-      }
+   explicit JsonSides( std::int64_t count ) {
+      addNamedTasks( tasks_, root_, count, true );
       snapshot_ = root_->snapshot( {}, false, false, false, {}, 0 );
       sorted_ = snapshot_->tasks();
       std::ranges::stable_sort( sorted_, std::ranges::greater(),
@@ -132,6 +111,7 @@ class JsonSides final : public Sides {
       std::ostringstream out;
       const auto context = Quarn::TaskScheduler::PrintContextIs( out );
       const Time time = timed( [ & ] { snapshot_->renderJson( *context ); } );
+      oursRate_ = rate( out.view().size(), time );
       constexpr std::string_view begin = "\"tasks\":{\"tasks\":";
       oursArray_ = out.view().substr( out.view().find( begin ) + begin.size() );
       return time;
@@ -147,6 +127,7 @@ class JsonSides final : public Sides {
          }
          writer.EndArray();
       } );
+      floorRate_ = rate( text.GetSize(), time );
       if( !oursArray_.starts_with( std::string_view( text.GetString(), text.GetSize() ) ) &&
           !oursArray_.empty() ) {
          fmt::print( stderr, "the texts differ\n" );
@@ -154,6 +135,9 @@ class JsonSides final : public Sides {
       }
       return time;
    }
+
+   PlainValues oursPlain() const override { return { { "rate", oursRate_ } }; }
+   PlainValues floorPlain() const override { return { { "rate", floorRate_ } }; }
 
  private:
    using Writer = rapidjson::Writer<rapidjson::StringBuffer>;
@@ -226,23 +210,25 @@ class JsonSides final : public Sides {
 
    std::shared_ptr<Quarn::TaskSchedulerRoot> root_ =
          Quarn::schedulerRootQuarnNonShared( "BenchJsonRoot" );
-   std::vector<std::shared_ptr<NamedTask>> tasks_;
+   NamedTasks tasks_;
    std::shared_ptr<const Quarn::TaskSchedulerSnapshot> snapshot_;
    Quarn::BasicVector<Quarn::TaskStat> sorted_;
    std::string oursArray_;
+   double oursRate_ = 0;
+   double floorRate_ = 0;
 };
 
 // The rows of the text report. The floor has them sorted and knows the width of the names.
 class TextSides final : public Sides {
  public:
-   TextSides() {
+   explicit TextSides( std::int64_t count ) {
       std::mt19937_64 random( 42 );
       const auto upTo = [ & ]( std::uint64_t end ) { return random() % end; };
       const auto time = [ & ]( std::uint64_t end ) {
          return std::chrono::nanoseconds( upTo( end ) );
       };
-      prepared_.reserve( tasks );
-      for( std::int64_t i = 0; i < tasks; ++i ) {
+      prepared_.reserve( static_cast<std::size_t>( count ) );
+      for( std::int64_t i = 0; i < count; ++i ) {
          Quarn::TaskStat stat( Quarn::String( fmt::format( "bench-named-task-{:06}", i ) ), nullptr,
                                Quarn::TaskPriority::normal );
          stat.taskRunInc( upTo( 1'000'000 ) );
@@ -270,8 +256,9 @@ class TextSides final : public Sides {
          Quarn::TaskSchedulerRoot::statsRenderTextTasks( out, prepared_, "TaskName", 0, false,
                                                          false );
       } );
-      // The floor has neither header nor rule.
       const std::string_view text = out.view();
+      oursRate_ = rate( text.size(), time );
+      // The floor has neither header nor rule.
       oursRows_ = text.substr( text.find( '\n', text.find( '\n' ) + 1 ) + 1 );
       return time;
    }
@@ -283,12 +270,16 @@ class TextSides final : public Sides {
             _row( rows, stat );
          }
       } );
+      floorRate_ = rate( rows.size(), time );
       if( !oursRows_.empty() && oursRows_ != fmt::to_string( rows ) ) {
          fmt::print( stderr, "the texts differ\n" );
          std::abort();
       }
       return time;
    }
+
+   PlainValues oursPlain() const override { return { { "rate", oursRate_ } }; }
+   PlainValues floorPlain() const override { return { { "rate", floorRate_ } }; }
 
  private:
    static double _seconds( std::chrono::nanoseconds time ) {
@@ -320,6 +311,8 @@ class TextSides final : public Sides {
    Quarn::BasicVector<Quarn::TaskStat> prepared_;
    Quarn::BasicVector<Quarn::TaskStat> sorted_;
    std::string oursRows_;
+   double oursRate_ = 0;
+   double floorRate_ = 0;
 };
 
 } // namespace
@@ -327,12 +320,29 @@ class TextSides final : public Sides {
 void statsFigures( std::vector<Figure>& figures ) {
    figures.push_back(
          { "stats_select", 3.0, tasks, tasks, [] { return std::make_unique<SelectSides>(); }, 5 } );
-   figures.push_back(
-         { "snapshot", 3.0, tasks, tasks, [] { return std::make_unique<SnapshotSides>(); }, 5 } );
-   figures.push_back(
-         { "json_render", 1.25, tasks, tasks, [] { return std::make_unique<JsonSides>(); } } );
-   figures.push_back(
-         { "text_render", 1.3, tasks, tasks, [] { return std::make_unique<TextSides>(); } } );
+   figures.push_back( { "snapshot", 3.0, tasks, tasks,
+                        [] { return std::make_unique<SnapshotSides>( tasks ); }, 5 } );
+   figures.push_back( { "json_render",
+                        1.25,
+                        tasks,
+                        tasks,
+                        [] { return std::make_unique<JsonSides>( tasks ); },
+                        1,
+                        { { "rate", "MB/s" } } } );
+   figures.push_back( { "text_render",
+                        1.3,
+                        tasks,
+                        tasks,
+                        [] { return std::make_unique<TextSides>( tasks ); },
+                        1,
+                        { { "rate", "MB/s" } } } );
+   // These stay in the caches.
+   figures.push_back( { "snapshot_1k", std::nullopt, fewTasks, fewTasks,
+                        [] { return std::make_unique<SnapshotSides>( fewTasks ); }, manySlices } );
+   figures.push_back( { "json_render_1k", std::nullopt, fewTasks, fewTasks,
+                        [] { return std::make_unique<JsonSides>( fewTasks ); }, manySlices } );
+   figures.push_back( { "text_render_1k", std::nullopt, fewTasks, fewTasks,
+                        [] { return std::make_unique<TextSides>( fewTasks ); }, manySlices } );
 }
 
 } // namespace bench
