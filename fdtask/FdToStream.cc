@@ -1,7 +1,8 @@
 #include <Quarn/fdtask/FdToStream.h>
 
 #include "debug/Handlers.h"
-#include "util/SigpipeGuard.h"
+
+#include <Oru/GuardedWrite.h>
 
 #include <boost/iostreams/device/file_descriptor.hpp>
 #include <boost/iostreams/stream_buffer.hpp>
@@ -35,18 +36,16 @@ class Sink : public boost::iostreams::file_descriptor_sink {
 
  private:
    std::streamsize _writeSome( char const* bytes, std::size_t size ) const {
-      for( ;; ) {
-         const Util::SigpipeGuard guard;
-         const ssize_t n = ::write( handle(), bytes, size );
-         if( n > 0 ) {
-            return n;
-         }
-         if( n == 0 || errno != EINTR ) {
-            throw std::ios_base::failure(
-                  "failed writing",
-                  std::error_code( n == 0 ? EIO : errno, std::generic_category() ) );
-         }
+      ssize_t n;
+      do {
+         n = Oru::guardedWrite( handle(), bytes, size );
+      } while( n == -EINTR );
+      if( n <= 0 ) {
+         const int error = n == 0 ? EIO : static_cast<int>( -n );
+         throw std::ios_base::failure( "failed writing",
+                                       std::error_code( error, std::generic_category() ) );
       }
+      return n;
    }
 
    // How much of the chunk at hand is out. After an exception the buffer keeps the chunk and brings
@@ -54,16 +53,29 @@ class Sink : public boost::iostreams::file_descriptor_sink {
    std::streamsize written_ = 0;
 };
 
+// Copies share the descriptor; the last one closes it.
+Sink sinkOnto( int fd, bool closeInTheEnd ) {
+   using namespace boost::iostreams;
+   try {
+      return Sink( fd, closeInTheEnd ? close_handle : never_close_handle );
+   } catch( ... ) {
+      if( closeInTheEnd ) {
+         close( fd );
+      }
+      throw;
+   }
+}
+
 } // namespace
 
 class FdToStream::Buffer final : public boost::iostreams::stream_buffer<Sink> {};
 
-FdToStream::FdToStream( int fd, bool closeOnDestroy )
-      : std::ostream( nullptr ),
-        buffer_( std::make_unique<Buffer>() ) {
-   using namespace boost::iostreams;
-   // Before the check, so that a descriptor that passes to the stream is closed if it is refused.
-   buffer_->open( Sink( fd, closeOnDestroy ? close_handle : never_close_handle ), bufferSize );
+FdToStream::FdToStream( int fd, bool closeOnDestroy ) : std::ostream( nullptr ) {
+   // Before the check and what wants more memory: a descriptor that passes to the stream is closed
+   // if anything fails.
+   const Sink sink = sinkOnto( fd, closeOnDestroy );
+   buffer_ = std::make_unique<Buffer>();
+   buffer_->open( sink, bufferSize );
    // No flags at all count as every flag.
    const int flags = fcntl( fd, F_GETFL );
    if( ( flags & O_NONBLOCK ) != 0 ) {

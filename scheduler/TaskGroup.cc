@@ -91,6 +91,7 @@ TaskGroup::TaskGroup( String name, TaskPriority priority, bool flag,
       schedulerRoot()->unregisterScheduler( this );
       throw;
    }
+   ++parentScheduler_->groupCount_;
 }
 
 TaskGroup::~TaskGroup() {
@@ -100,6 +101,7 @@ TaskGroup::~TaskGroup() {
       parentScheduler_->taskForceYieldInTestNotify( parentTask_.get(), false );
    }
    schedulerRoot()->unregisterScheduler( this );
+   --parentScheduler_->groupCount_;
    parentTask_.reset();
    parentScheduler_.reset();
 }
@@ -112,6 +114,34 @@ void TaskGroup::taskRegister( TaskImpl* task ) {
                                           << " )" );
    }
    TaskScheduler::taskRegister( task );
+}
+
+// ----------------------------------------------------------------------------- groups under
+// another
+
+std::vector<TaskImpl const*> TaskScheduler::_groupTasks() const {
+   std::vector<TaskImpl const*> found;
+   if( groupCount_ == 0 ) {
+      return found;
+   }
+   found.reserve( groupCount_ );
+   for( TaskImpl const* task = registeredTasks_.front(); task;
+        task = registeredTasks_.next( task ) ) {
+      constexpr unsigned groupParent = 32;
+      // Somebody may keep the parent task of a group that is gone.
+      if( ( task->taskStatus() & groupParent ) != 0 &&
+          static_cast<TaskGroup::ParentTask const*>( task )->taskGroup() ) {
+         found.push_back( task );
+      }
+   }
+   return found;
+}
+
+void TaskScheduler::_appendInOrder( std::vector<TaskScheduler const*>& out ) const {
+   out.push_back( this );
+   for( TaskImpl const* task : _groupTasks() ) {
+      static_cast<TaskGroup::ParentTask const*>( task )->taskGroup()->_appendInOrder( out );
+   }
 }
 
 // ---------------------------------------------------------------------------------------- settings

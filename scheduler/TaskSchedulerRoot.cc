@@ -130,10 +130,18 @@ unsigned TaskSchedulerRoot::totalRegisteredTaskCount() const {
    return count;
 }
 
-bool TaskSchedulerRoot::_hasGroupsUnder( const TaskScheduler& scheduler ) const {
-   return std::ranges::any_of( schedulers_, [ & ]( TaskScheduler const* other ) {
-      return other->enclosing_ == &scheduler;
-   } );
+std::vector<TaskScheduler const*> TaskSchedulerRoot::_schedulersInOrder() const {
+   std::vector<TaskScheduler const*> all;
+   all.reserve( schedulers_.size() );
+   _appendInOrder( all );
+   if( all.size() < schedulers_.size() ) {
+      // A group that is being destroyed is no longer found through its parent task.
+      std::ranges::copy_if( schedulers_, std::back_inserter( all ),
+                            [ & ]( TaskScheduler const* scheduler ) {
+                               return std::ranges::find( all, scheduler ) == all.end();
+                            } );
+   }
+   return all;
 }
 
 TaskQueueStatsMap TaskSchedulerRoot::queueStatsRoot() const {

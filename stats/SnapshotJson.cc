@@ -233,6 +233,9 @@ std::vector<Place> sorted( const BasicVector<TaskStat>& stats ) {
 
 // ----------------------------------------------------------------------------- parts of a snapshot
 
+// A task takes some 600 bytes, and a value should grow in one piece, by and large.
+constexpr std::size_t roomOfTask = 800;
+
 std::size_t recordCount( const TaskSchedulerSnapshot& snapshot ) {
    std::size_t count = snapshot.tasks().size() + snapshot.completedTasks().size();
    for( const auto& entry : snapshot.subSchedulers() ) {
@@ -284,6 +287,27 @@ void renderHistory( Json::Writer<Json::Buffer>& writer,
    writer.EndObject();
 }
 
+void renderTasks( Json::Value& value, const BasicVector<TaskStat>& stats, unsigned skipped,
+                  bool completed ) {
+   value.writer.StartObject();
+   Json::key( value.writer, "tasks" );
+   value.writer.StartArray();
+   const std::vector<Place> order = sorted( stats );
+   for( std::size_t i = 0; i < order.size(); ++i ) {
+      // The records lie in another order than they are written.
+      constexpr std::size_t ahead = 8;
+      if( i + ahead < order.size() ) {
+         fetch( *order[ i + ahead ].stat );
+      }
+      value.writer.RawValue( "", 0, rapidjson::kObjectType );
+      putTask( value.text, *order[ i ].stat, completed );
+   }
+   value.writer.EndArray();
+   Json::key( value.writer, "skipped" );
+   value.writer.Uint( skipped );
+   value.writer.EndObject();
+}
+
 } // namespace
 
 std::string_view Json::validUtf8( std::string_view text, std::string& storage ) {
@@ -315,33 +339,8 @@ void TaskSchedulerSnapshot::renderJson( TaskSchedulerPrintContext& context ) con
    if( impl.closed ) {
       QUARN_DIE( "TaskSchedulerSnapshot", "renderJson", "JSON already closed" );
    }
-   impl.value.emplace();
-   // Looked at where it may still fail: a final NUL wants room.
-   const auto text = [ & ]() -> std::string_view {
-      return { impl.value->text.GetString(), impl.value->text.GetSize() };
-   };
-   std::string_view value;
-   try {
-      // In one piece, by and large: a task takes some 600 bytes.
-      constexpr std::size_t roomOfTask = 800;
-      impl.value->text.Reserve( recordCount( *this ) * roomOfTask );
-      renderJsonImpl( context );
-      value = text();
-   } catch( const std::exception& e ) {
-      // Gives the memory back first, of which there may be none left.
-      impl.value.reset();
-      Json::Writer<Json::Buffer>& writer = impl.value.emplace().writer;
-      writer.StartObject();
-      Json::key( writer, "generalError" );
-      Json::string( writer, e.what() );
-      writer.EndObject();
-      value = text();
-   }
-   Json::key( impl.writer, schedulerName_ );
-   // Writes what separates the value from what was before it; the value goes past the writer.
-   impl.writer.RawValue( "", 0, rapidjson::kObjectType );
-   impl.out.write( value.data(), static_cast<std::streamsize>( value.size() ) );
-   impl.value.reset();
+   impl.member( schedulerName_, recordCount( *this ) * roomOfTask,
+                [ & ]( Json::Value& ) { renderJsonImpl( context ); } );
 }
 
 void TaskSchedulerSnapshot::renderJsonImpl( TaskSchedulerPrintContext& context ) const {
@@ -384,25 +383,18 @@ void TaskSchedulerSnapshot::renderJsonImpl( TaskSchedulerPrintContext& context )
 void TaskSchedulerSnapshot::renderJsonTasks( TaskSchedulerPrintContext& context,
                                              const BasicVector<TaskStat>& stats, String key,
                                              unsigned skipped, bool completed ) const {
-   Json::Value& value = *context.impl_->value;
-   Json::key( value.writer, key );
-   value.writer.StartObject();
-   Json::key( value.writer, "tasks" );
-   value.writer.StartArray();
-   const std::vector<Place> order = sorted( stats );
-   for( std::size_t i = 0; i < order.size(); ++i ) {
-      // The records lie in another order than they are written.
-      constexpr std::size_t ahead = 8;
-      if( i + ahead < order.size() ) {
-         fetch( *order[ i + ahead ].stat );
-      }
-      value.writer.RawValue( "", 0, rapidjson::kObjectType );
-      putTask( value.text, *order[ i ].stat, completed );
+   TaskSchedulerPrintContext::Impl& impl = *context.impl_;
+   if( impl.closed ) {
+      QUARN_FAIL( "TaskSchedulerSnapshot", "JSON already closed" );
    }
-   value.writer.EndArray();
-   Json::key( value.writer, "skipped" );
-   value.writer.Uint( skipped );
-   value.writer.EndObject();
+   if( impl.value ) {
+      Json::key( impl.value->writer, key );
+      renderTasks( *impl.value, stats, skipped, completed );
+   } else {
+      impl.member( key, stats.size() * roomOfTask, [ & ]( Json::Value& value ) {
+         renderTasks( value, stats, skipped, completed );
+      } );
+   }
 }
 
 // ------------------------------------------------------------------------- straight from the live

@@ -11,6 +11,8 @@
 #include <new>
 
 #include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 namespace Quarn {
@@ -21,29 +23,73 @@ namespace {
 
 constexpr char sourceFile[] = "TaskSchedulerCpp";
 
+// Whether the descriptors stand for one open file. Where the kernel does not tell, one inode will
+// do: then a mode may stay longer than need be.
+bool sameOpenFile( int left, int right ) {
+   constexpr int compareFiles = 0; // KCMP_FILE
+   const pid_t self = getpid();
+   const long order = syscall( SYS_kcmp, self, self, compareFiles, left, right );
+   if( order >= 0 ) {
+      return order == 0;
+   }
+   struct stat a;
+   struct stat b;
+   return fstat( left, &a ) == 0 && fstat( right, &b ) == 0 && a.st_dev == b.st_dev &&
+          a.st_ino == b.st_ino;
+}
+
 } // namespace
 
-NonBlockingMode::NonBlockingMode( int fd ) : fd_( fd ) {
+constinit thread_local NonBlockingMode* NonBlockingMode::first_ = nullptr;
+
+NonBlockingMode::NonBlockingMode( int fd ) : fd_( fd ), pid_( getpid() ) {
    const int flags = fcntl( fd, F_GETFL );
    if( flags < 0 ) {
-      QUARN_FAIL( "TaskScheduler", "flags >= 0" );
+      QUARN_FAIL_AS( "TaskScheduler", "snapshotRenderJsonAsync", "flags >= 0" );
    }
    if( ( flags & O_NONBLOCK ) == 0 ) {
       const int result = fcntl( fd, F_SETFL, flags | O_NONBLOCK );
       if( result != 0 ) {
-         QUARN_FAIL( "TaskScheduler", "result == 0" );
+         QUARN_FAIL_AS( "TaskScheduler", "snapshotRenderJsonAsync", "result == 0" );
       }
       changed_ = true;
+   }
+   next_ = std::exchange( first_, this );
+}
+
+NonBlockingMode::NonBlockingMode( NonBlockingMode&& other ) noexcept
+      : fd_( std::exchange( other.fd_, -1 ) ),
+        pid_( other.pid_ ),
+        changed_( std::exchange( other.changed_, false ) ) {
+   other._unlink();
+   next_ = std::exchange( first_, this );
+}
+
+// Does nothing to one that is not linked.
+void NonBlockingMode::_unlink() {
+   for( NonBlockingMode** at = &first_; *at; at = &( *at )->next_ ) {
+      if( *at == this ) {
+         *at = next_;
+         return;
+      }
    }
 }
 
 void NonBlockingMode::undo() {
-   if( !std::exchange( changed_, false ) ) {
+   _unlink();
+   const int fd = std::exchange( fd_, -1 );
+   if( fd < 0 || !std::exchange( changed_, false ) || pid_ != getpid() ) {
       return;
    }
+   for( NonBlockingMode* other = first_; other; other = other->next_ ) {
+      if( sameOpenFile( fd, other->fd_ ) ) {
+         other->changed_ = true;
+         return;
+      }
+   }
    // Somebody may have closed the descriptor; then there is nothing to undo.
-   if( const int flags = fcntl( fd_, F_GETFL ); flags >= 0 ) {
-      fcntl( fd_, F_SETFL, flags & ~O_NONBLOCK );
+   if( const int flags = fcntl( fd, F_GETFL ); flags >= 0 ) {
+      fcntl( fd, F_SETFL, flags & ~O_NONBLOCK );
    }
 }
 
@@ -121,34 +167,49 @@ void TaskScheduler::SnapshotRenderJsonTask::_close() {
    if( !writeTask_ ) {
       return;
    }
+   struct Closer {
+      ~Closer() {
+         task.writeTask_.reset();
+         task.mode_.undo();
+         close( task.fd_ );
+      }
+      SnapshotRenderJsonTask& task;
+   };
+   // Also when the next step throws.
+   const Closer closer{ *this };
    // The event loop forgets the number before somebody else can get it.
    writeTask_->taskWatchFdDel();
-   writeTask_.reset();
-   mode_.undo();
-   close( fd_ );
 }
 
 void TaskScheduler::SnapshotRenderJsonTask::_finish() {
-   _close();
    const std::function<void()> completion = std::move( completion_ );
    struct CleanUp {
       ~CleanUp() { task.cleanUp_( task ); }
       SnapshotRenderJsonTask& task;
    };
-   // Also when the completion throws. The run still holds this task.
+   // Also when closing or the completion throws. The run still holds this task.
    const CleanUp cleanUp{ *this };
+   _close();
    if( completion ) {
       completion();
    }
 }
 
 void TaskScheduler::SnapshotRenderJsonTask::abandon() noexcept {
+   // The descriptor is closed whatever the first step does.
+   const auto trace = [ this ]( const std::exception& e ) {
+      QUARN_TRACE_AS( taskSchedulerHandler, 0, "SnapshotRenderJsonTask", "abandon",
+                      "abandoning the render onto fd {}: {}", fd_, e.what() );
+   };
    try {
       unscheduleTask();
+   } catch( const std::exception& e ) {
+      trace( e );
+   }
+   try {
       _close();
    } catch( const std::exception& e ) {
-      QUARN_TRACE( taskSchedulerHandler, 0, "SnapshotRenderJsonTask", "fd {} not closed: {}", fd_,
-                   e.what() );
+      trace( e );
    }
    snapshots_ = {};
    completion_ = nullptr;

@@ -14,25 +14,34 @@
 #include <utility>
 #include <vector>
 
+#include <sys/types.h>
+
 namespace Quarn {
 
 // Makes a descriptor non-blocking. The setting is that of the open file, which others may share, so
 // it is taken back at the end, if it was not there before.
+//
+// Several of one thread may be on the same open file, by duplicates of a descriptor: the last one
+// takes it back. A forked child, which shares the file with its parent, does not.
 class NonBlockingMode {
  public:
    // Errors: fatal when the flags cannot be read or set ("flags >= 0", "result == 0").
    explicit NonBlockingMode( int fd );
-   NonBlockingMode( NonBlockingMode&& other ) noexcept
-         : fd_( other.fd_ ),
-           changed_( std::exchange( other.changed_, false ) ) {}
+   NonBlockingMode( NonBlockingMode&& other ) noexcept;
    ~NonBlockingMode() { undo(); }
    NonBlockingMode& operator=( NonBlockingMode&& ) = delete;
 
    void undo();
 
  private:
-   int fd_;
+   void _unlink();
+
+   int fd_; // -1 once it is undone
+   pid_t pid_;
    bool changed_ = false;
+   // Those of the thread that are in force.
+   NonBlockingMode* next_ = nullptr;
+   static constinit thread_local NonBlockingMode* first_;
 };
 
 // Its scheduler holds it, and it holds its scheduler, until `cleanUp` is called or it is abandoned.

@@ -1,13 +1,13 @@
 #include "stats/SnapshotWriteJsonTask.h"
 
+#include <Quarn/base/Exception.h>
+
 #include "debug/Handlers.h"
-#include "util/SigpipeGuard.h"
+
+#include <Oru/GuardedWrite.h>
 
 #include <cerrno>
-#include <cstring>
 #include <limits>
-
-#include <unistd.h>
 
 namespace Quarn {
 
@@ -43,8 +43,8 @@ void TaskScheduler::SnapshotWriteJsonTask::bufferIs( String buffer ) {
    }
    buffer_ = std::move( buffer );
    offset_ = 0;
-   QUARN_TRACE( taskSchedulerHandler, 3, "SnapshotWriteJsonTask",
-                "Request write to fd {} of {} bytes", taskWatchFd(), buffer_.size() );
+   QUARN_TRACE_AS( taskSchedulerHandler, 3, "SnapshotRenderJsonTask", "writeOstrToFileDescriptor",
+                   "Request write to fd {} of {} bytes", taskWatchFd(), buffer_.size() );
    taskWatchWritableIs( true );
 }
 
@@ -77,29 +77,22 @@ void TaskScheduler::SnapshotWriteJsonTask::_complete() {
 // Whether to go on in this run.
 bool TaskScheduler::SnapshotWriteJsonTask::_writeSome() {
    const int fd = taskWatchFd();
-   ssize_t written;
-   int error;
-   {
-      const Util::SigpipeGuard guard;
-      written = write( fd, buffer_.data() + offset_, _left() );
-      // The guard may make calls of its own.
-      error = errno;
-   }
+   const ssize_t written = Oru::guardedWrite( fd, buffer_.data() + offset_, _left() );
    if( written < 0 ) {
-      return _writeFailed( error );
+      return _writeFailed( static_cast<int>( -written ) );
    }
    if( written == 0 ) {
-      QUARN_TRACE( taskSchedulerHandler, 3, "SnapshotWriteJsonTask",
-                   "Writing to fd {} at offset {} of {} got {}", fd, offset_, buffer_.size(),
-                   "nothing written" );
+      QUARN_TRACE_AS( taskSchedulerHandler, 3, "SnapshotWriteJsonTask", "taskExecuteWritable",
+                      "Writing to fd {} at offset {} of {} got {}", fd, offset_, buffer_.size(),
+                      "nothing written" );
       taskWorkPendingWritableIs( _left() );
       scheduleTaskWritable();
       return false;
    }
    const bool yielding = taskShouldYield();
-   QUARN_TRACE( taskSchedulerHandler, 3, "SnapshotWriteJsonTask",
-                "Writing to fd {} at offset {} of {} wrote {} bytes of {} remaining{}", fd, offset_,
-                buffer_.size(), written, _left(), yielding ? " yielding" : "" );
+   QUARN_TRACE_AS( taskSchedulerHandler, 3, "SnapshotWriteJsonTask", "taskExecuteWritable",
+                   "Writing to fd {} at offset {} of {} wrote {} bytes of {} remaining{}", fd,
+                   offset_, buffer_.size(), written, _left(), yielding ? " yielding" : "" );
    offset_ += static_cast<std::uint32_t>( written );
    taskWorkCountWritableInc( static_cast<unsigned long>( written ) );
    if( yielding ) {
@@ -112,9 +105,9 @@ bool TaskScheduler::SnapshotWriteJsonTask::_writeSome() {
 bool TaskScheduler::SnapshotWriteJsonTask::_writeFailed( int error ) {
    const int fd = taskWatchFd();
    if( error == EAGAIN || error == EINTR ) {
-      QUARN_TRACE( taskSchedulerHandler, 3, "SnapshotWriteJsonTask",
-                   "Writing to fd {} at offset {} of {} got {}", fd, offset_, buffer_.size(),
-                   strerror( error ) );
+      QUARN_TRACE_AS( taskSchedulerHandler, 3, "SnapshotWriteJsonTask", "taskExecuteWritable",
+                      "Writing to fd {} at offset {} of {} got {}", fd, offset_, buffer_.size(),
+                      strerror( error ) );
       taskWorkPendingWritableIs( _left() );
       if( error == EAGAIN ) {
          taskWatchWritableIs( true );
@@ -125,15 +118,29 @@ bool TaskScheduler::SnapshotWriteJsonTask::_writeFailed( int error ) {
    }
    const std::uint32_t failedAt = std::exchange( offset_, offset_ + _left() );
    if( error == EBADF || error == EPIPE ) {
-      QUARN_TRACE( taskSchedulerHandler, 2, "SnapshotWriteJsonTask",
-                   "Writing to fd {} at offset {} of {} failed {}", fd, failedAt, buffer_.size(),
-                   strerror( error ) );
+      QUARN_TRACE_AS( taskSchedulerHandler, 2, "SnapshotWriteJsonTask", "taskExecuteWritable",
+                      "Writing to fd {} at offset {} of {} failed {}", fd, failedAt, buffer_.size(),
+                      strerror( error ) );
       return true;
    }
-   // Where assertions throw, the document still comes to its end, and the descriptor is closed.
-   _complete();
-   QUARN_STREAM_FAIL( "Write to fd " << fd << " failed " << strerror( error ) << "(" << error
-                                     << ")" );
+   // Once the assertion leaves, the document goes on to its end, where the descriptor is closed.
+   struct Completion {
+      ~Completion() {
+         try {
+            task._complete();
+         } catch( ... ) {
+            // One exception is under way already.
+            QUARN_TRACE_AS( taskSchedulerHandler, 0, "SnapshotWriteJsonTask", "taskExecuteWritable",
+                            "a busy callback throws while the write to fd {} fails",
+                            task.taskWatchFd() );
+         }
+      }
+      SnapshotWriteJsonTask& task;
+   };
+   const Completion completion{ *this };
+   QUARN_STREAM_FAIL_AS( "taskExecuteWritable", "Write to fd " << fd << " failed "
+                                                               << strerror( error ) << "(" << error
+                                                               << ")" );
    return false;
 }
 

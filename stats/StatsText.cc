@@ -199,7 +199,7 @@ void TaskSchedulerRoot::statsRenderTextForDebug( std::ostream& out, bool include
    BasicVector<TaskStat> completed;
    unsigned skipped = 0;
    unsigned skippedCompleted = 0;
-   for( TaskScheduler const* scheduler : schedulers_ ) {
+   for( TaskScheduler const* scheduler : _schedulersInOrder() ) {
       skipped += scheduler->getTaskStats( live, includeNoRuns, filter );
       if( includeCompleted ) {
          skippedCompleted += scheduler->getCompletedTaskStats( completed, includeNoRuns, filter );

@@ -47,15 +47,6 @@ void* Memory::Realloc( void* old, std::size_t oldSize, std::size_t size ) {
 
 void Memory::Free( void* block ) { std::free( block ); }
 
-std::streamsize TextBuffer::xsputn( char const* text, std::streamsize size ) {
-   const auto more = static_cast<std::size_t>( size );
-   // Behind a snapshot of megabytes comes a bracket or two.
-   constexpr std::size_t tail = 64;
-   text_.Reserve( more + tail );
-   std::memcpy( text_.PushUnsafe( more ), text, more );
-   return size;
-}
-
 TextBuffer::int_type TextBuffer::overflow( int_type c ) {
    if( !traits_type::eq_int_type( c, traits_type::eof() ) ) {
       text_.Put( traits_type::to_char_type( c ) );
@@ -67,7 +58,8 @@ TextBuffer::int_type TextBuffer::overflow( int_type c ) {
 
 TaskSchedulerPrintContext::Impl::Impl( std::ostream& stream )
       : target( stream ),
-        out( stream.rdbuf() ) {
+        out( stream.rdbuf() ),
+        memory( dynamic_cast<Json::TextBuffer*>( stream.rdbuf() ) ) {
    out.setstate( stream.rdstate() );
    writer.StartObject();
    Json::key( writer, "schedulers" );
@@ -78,9 +70,12 @@ TaskSchedulerPrintContext::TaskSchedulerPrintContext( std::ostream& out )
       : impl_( std::make_unique<Impl>( out ) ) {}
 
 TaskSchedulerPrintContext::TaskSchedulerPrintContext( int fd, bool closeOnDestroy ) {
-   auto stream = std::make_unique<FdToStream>( fd, closeOnDestroy );
+   // First, so that it is closed whatever fails.
+   OwnedDescriptor descriptor( closeOnDestroy ? fd : -1 );
+   auto stream = std::make_unique<FdToStream>( fd, false );
    impl_ = std::make_unique<Impl>( *stream );
    impl_->fdStream = std::move( stream );
+   impl_->descriptor = std::move( descriptor );
 }
 
 TaskSchedulerPrintContext::~TaskSchedulerPrintContext() = default;
@@ -104,7 +99,11 @@ std::shared_ptr<TaskSchedulerPrintContext> TaskScheduler::PrintContextIs( std::o
 
 std::shared_ptr<TaskSchedulerPrintContext> TaskScheduler::PrintContextIs( int fd,
                                                                           bool closeOnDestroy ) {
-   return std::make_shared<TaskSchedulerPrintContext>( fd, closeOnDestroy );
+   // As above.
+   OwnedDescriptor descriptor( closeOnDestroy ? fd : -1 );
+   auto context = std::make_shared<TaskSchedulerPrintContext>( fd, false );
+   context->impl_->descriptor = std::move( descriptor );
+   return context;
 }
 
 } // namespace Quarn

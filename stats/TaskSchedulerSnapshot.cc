@@ -69,21 +69,8 @@ TaskSchedulerSnapshot::_copiedHistory( const TaskScheduler& scheduler,
 void TaskSchedulerSnapshot::_addSubSchedulers( const TaskScheduler& scheduler, bool includeNoRuns,
                                                bool includeCompleted, bool includeHistory,
                                                TaskNameRegex const* filter ) {
-   // Most schedulers have no groups, and a walk over a hundred thousand tasks is not for nothing.
-   if( !scheduler.schedulerRoot()->_hasGroupsUnder( scheduler ) ) {
-      return;
-   }
-   const auto& tasks = scheduler.registeredTasks();
-   for( TaskImpl const* task = tasks.front(); task; task = tasks.next( task ) ) {
-      constexpr unsigned groupParent = 32;
-      if( ( task->taskStatus() & groupParent ) == 0 ) {
-         continue;
-      }
+   for( TaskImpl const* task : scheduler._groupTasks() ) {
       const auto group = static_cast<TaskGroup::ParentTask const*>( task )->taskGroup();
-      if( !group ) {
-         // Somebody keeps the parent task of a group that is gone.
-         continue;
-      }
       subSchedulers_.emplace_back( subSchedulerKey( task->getStats() ),
                                    TaskSchedulerSnapshot( group.get(), String(), includeNoRuns,
                                                           includeCompleted, includeHistory, filter,

@@ -86,6 +86,8 @@ VirtualTimeLoop::VirtualTimeLoop() : root_( TaskSchedulerRoot::TaskSchedulerRoot
 }
 
 VirtualTimeLoop::~VirtualTimeLoop() {
+   // Nobody turns the loop any more, and a render under way holds its scheduler.
+   root_->abandonRenders();
    // A task that outlives us holds the root.
    root_->runObserverForTestIs( {} );
 }

@@ -24,11 +24,7 @@ ssize_t guardedWrite( int fd, void const* data, std::size_t size ) noexcept {
    bool const wasPending = sigismember( &pending, SIGPIPE ) == 1;
    pthread_sigmask( SIG_BLOCK, &pipeSignal, &oldMask );
 
-   ssize_t written;
-   do {
-      written = ::write( fd, data, size );
-   } while( written < 0 && errno == EINTR );
-
+   ssize_t written = ::write( fd, data, size );
    if( written < 0 ) {
       int const error = errno;
       written = -error;

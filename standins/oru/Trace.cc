@@ -31,11 +31,17 @@ namespace {
 // read, so that a line is written without a lock, in a forked child too.
 constinit std::atomic<std::string const*> currentFormat{ nullptr };
 
+// What standard error does not take is dropped.
+void writeLine( std::string const& line ) {
+   while( guardedWrite( STDERR_FILENO, line.data(), line.size() ) == -EINTR ) {
+   }
+}
+
 void writeIgnoredItem( std::string_view item ) {
    std::string line = "TRACE: ignored item '";
    appendEscaped( line, item );
    line += "'\n";
-   guardedWrite( STDERR_FILENO, line.data(), line.size() );
+   writeLine( line );
 }
 
 // The two have no level in common, so no reader sees a level on that ends up off, or off that ends
@@ -69,7 +75,7 @@ void writeRecord( TraceRecord& record ) noexcept {
       line.reserve( 128 + record.message.size() );
       appendTraceRecord( line, formatInForce(), record );
       line += '\n';
-      guardedWrite( STDERR_FILENO, line.data(), line.size() );
+      writeLine( line );
    } catch( ... ) {
       // No memory: the line is lost, what the caller is at is not.
    }

@@ -9,6 +9,8 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <functional>
+#include <new>
 #include <thread>
 
 #include <fcntl.h>
@@ -17,6 +19,38 @@
 #include <sys/ioctl.h>
 #include <sys/resource.h>
 #include <unistd.h>
+
+namespace {
+
+// Which allocation from now on fails; 0 for none.
+unsigned failingAllocation = 0;
+
+void* allocate( std::size_t size ) {
+   if( failingAllocation != 0 && --failingAllocation == 0 ) {
+      return nullptr;
+   }
+   return std::malloc( size != 0 ? size : 1 );
+}
+
+} // namespace
+
+// Out of line, or the compiler takes the pairs of callers and bodies for mismatched ones.
+[[gnu::noinline]] void* operator new( std::size_t size ) {
+   if( void* storage = allocate( size ) ) {
+      return storage;
+   }
+   throw std::bad_alloc();
+}
+[[gnu::noinline]] void* operator new( std::size_t size, const std::nothrow_t& ) noexcept {
+   return allocate( size );
+}
+[[gnu::noinline]] void operator delete( void* storage ) noexcept { std::free( storage ); }
+[[gnu::noinline]] void operator delete( void* storage, std::size_t ) noexcept {
+   std::free( storage );
+}
+[[gnu::noinline]] void operator delete( void* storage, const std::nothrow_t& ) noexcept {
+   std::free( storage );
+}
 
 namespace {
 
@@ -79,6 +113,30 @@ TEST_F( FdToStreamTest, NonBlockingDescriptorIsRefused ) {
    EXPECT_FALSE( isOpen( fds[ 1 ] ) );
    EXPECT_FATAL( FdToStream( -1, true ),
                  "FileDescriptor -1 flags 0xffffffff is non-blocking, not supported" );
+}
+
+TEST_F( FdToStreamTest, DescriptorThatPassesIsClosedWhateverFails ) {
+   const std::function<void( int )> table[] = {
+         []( int fd ) { FdToStream( fd, true ); },
+         []( int fd ) { TaskSchedulerPrintContext( fd, true ); },
+         []( int fd ) { TaskScheduler::PrintContextIs( fd, true ); },
+   };
+   for( const auto& make : table ) {
+      unsigned failures = 0;
+      for( bool failed = true; failed; failures += failed ) {
+         const int fd = dup( fds[ 1 ] );
+         failingAllocation = failures + 1;
+         try {
+            make( fd );
+            failed = failingAllocation == 0;
+         } catch( const std::bad_alloc& ) {
+            failed = true;
+         }
+         failingAllocation = 0;
+         EXPECT_FALSE( isOpen( fd ) ) << "allocation " << failures;
+      }
+      EXPECT_GE( failures, 4u );
+   }
 }
 
 TEST_F( FdToStreamTest, SignalsAndSlowReadersLoseNothing ) {

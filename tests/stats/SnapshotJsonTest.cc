@@ -3,6 +3,9 @@
 #include "support/Fatal.h"
 #include "support/Tasks.h"
 
+#include <Quarn/platform/EventLoop.h>
+#include <Quarn/testing/Clocks.h>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -10,6 +13,7 @@
 #include <cstdlib>
 #include <fstream>
 #include <sstream>
+#include <thread>
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -108,6 +112,7 @@ struct SnapshotForTest {
 namespace {
 
 using namespace Quarn;
+using Quarn::Testing::ManualSteadyClock;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing_support::makeTask;
@@ -206,10 +211,45 @@ TEST( SnapshotJsonTest, FailureLeavesADocumentThatSaysSo ) {
    EXPECT_THAT( text,
                 testing::MatchesRegex( "\\{\"schedulers\":\\{\"x\":\\{\"generalError\":\".*"
                                        "unexpected priority value 9.*\"\\},\"next\":\\{.*" ) );
+   // The same in memory, where a value is taken back from behind what was written already.
+   const auto shared = []( TaskSchedulerSnapshot shot ) {
+      return std::make_shared<const TaskSchedulerSnapshot>( std::move( shot ) );
+   };
+   int fds[ 2 ];
+   ASSERT_EQ( pipe( fds ), 0 );
+   bool done = false;
+   schedulerRootQuarn()->snapshotRenderJsonAsync(
+         fds[ 1 ],
+         { shared( SnapshotForTest::withTask( bad ) ), shared( SnapshotForTest::named( "next" ) ) },
+         [ & ] { done = true; } );
+   while( !done ) {
+      Platform::doEventLoop( 0.0 );
+   }
+   std::string read( 100000, '\0' );
+   read.resize( static_cast<std::size_t>( ::read( fds[ 0 ], read.data(), read.size() ) ) );
+   EXPECT_EQ( read, text );
+   close( fds[ 0 ] );
+
    TaskStat odd = SnapshotForTest::busy();
    odd.taskWorkCountDecayAvgIs( std::nanf( "" ) );
    EXPECT_THAT( documentOf( SnapshotForTest::withTask( odd ) ),
                 HasSubstr( "\"decayingAvg\":null,\"highwater\":0}" ) );
+}
+
+TEST( SnapshotJsonTest, TablesOfAnyRecordsStandBesideSnapshots ) {
+   const TaskSchedulerSnapshot shot = SnapshotForTest::withTask( SnapshotForTest::busy() );
+   std::ostringstream out;
+   const auto context = TaskScheduler::PrintContextIs( out );
+   shot.renderJsonTasks( *context, {}, "none", 7, false );
+   shot.renderJson( *context );
+   shot.renderJsonTasks( *context, shot.tasks(), "tasks", 0, false );
+   context->closeJson();
+   const std::string one = documentOf( shot );
+   const std::string tasks = one.substr(
+         one.find( "\"tasks\":" ), one.find( ",\"completedTasks\":{" ) - one.find( "\"tasks\":" ) );
+   EXPECT_EQ( out.str(), "{\"schedulers\":{\"none\":{\"tasks\":[],\"skipped\":7}," +
+                               one.substr( 15, one.size() - 17 ) + "," + tasks + "}}" );
+   EXPECT_FATAL( shot.renderJsonTasks( *context, {}, "late", 0, false ), "JSON already closed" );
 }
 
 TEST( SnapshotJsonTest, StreamLearnsOfItsFailureWhenTheDocumentIsClosed ) {
@@ -257,6 +297,7 @@ std::vector<String> namesOf( const BasicVector<TaskStat>& stats ) {
 }
 
 TEST( TaskSchedulerSnapshotTest, HoldsWhatWasAskedFor ) {
+   ManualSteadyClock clock;
    auto root = schedulerRootQuarnNonShared( "r" );
    const auto group = TaskGroup::TaskGroupIs( "g", TaskPriority::low, false, root );
    auto task = makeTask( root, TaskPriority::normal, "task" );
@@ -267,6 +308,10 @@ TEST( TaskSchedulerSnapshotTest, HoldsWhatWasAskedFor ) {
    longer->taskRunFromTest();
    gone->taskRunFromTest();
    gone.reset();
+   task->scheduleTask();
+   clock.advance( std::chrono::seconds( 2 ) );
+   root->_handleSchedulerRun( TaskPriority::scavenge );
+   root->threadSanityDisabledIs( true );
 
    const auto all = root->snapshot( "shown", false, true, true, {}, 4 );
    EXPECT_EQ( all->schedulerName(), "shown" );
@@ -278,13 +323,17 @@ TEST( TaskSchedulerSnapshotTest, HoldsWhatWasAskedFor ) {
    ASSERT_TRUE( all->history() );
    EXPECT_EQ( all->history()->capacity, 100u );
    EXPECT_EQ( all->history()->events.size(), root->historyEventCount() );
-   EXPECT_EQ( all->history()->events.front().eventIdentifier(), "N gone" );
+   EXPECT_EQ( all->history()->events.front().eventIdentifier(), "N task" );
+   EXPECT_EQ( all->maxSchedulerSlip(), std::chrono::seconds( 2 ) );
+   EXPECT_TRUE( all->threadSanityDisabled() );
+   EXPECT_EQ( all->thread(), std::this_thread::get_id() );
    ASSERT_EQ( all->subSchedulers().size(), 1u );
    const auto& [ key, sub ] = all->subSchedulers().front();
    EXPECT_EQ( key, "TaskGroup;g-" + TaskKey( root->taskForTest( "TaskGroup;g" ).get() ).toStrep() );
    EXPECT_EQ( sub.schedulerName(), "g" );
    EXPECT_EQ( sub.displayOrder(), TaskSchedulerSnapshot::noDisplayOrder );
    EXPECT_FALSE( sub.isRootScheduler() );
+   EXPECT_TRUE( sub.threadSanityDisabled() );
    EXPECT_FALSE( sub.history() );
    EXPECT_EQ( sub.skippedTasks(), 1u );
 

@@ -21,6 +21,9 @@ namespace {
 using namespace Quarn;
 using namespace std::chrono_literals;
 using Quarn::Testing::ManualSteadyClock;
+using testing::Each;
+using testing::ElementsAre;
+using testing::EndsWith;
 using testing::HasSubstr;
 using testing::Not;
 using testing::StartsWith;
@@ -181,6 +184,55 @@ TEST_F( StatsTextTest, FilterShowsMatchingTasksAndNoSchedulers ) {
    EXPECT_EQ( count( none, "-\n" ), 3u );
 }
 
+TEST_F( StatsTextTest, LinesOfTablesAreFlushed ) {
+   struct Flushes : std::stringbuf {
+      int sync() override {
+         lines.push_back( str() );
+         str( {} );
+         return 0;
+      }
+      std::vector<std::string> lines;
+   } buffer;
+   std::ostream out( &buffer );
+   const TaskStat stat( "row", nullptr, normal );
+   TaskSchedulerRoot::statsRenderTextTasks( out, { stat, stat }, "Title", 3, false, false );
+   EXPECT_THAT( buffer.lines, ElementsAre( StartsWith( "Title" ), StartsWith( "---" ),
+                                           StartsWith( "row" ), StartsWith( "row" ) ) );
+   EXPECT_THAT( buffer.lines, Each( EndsWith( "\n" ) ) );
+}
+
+// The schedulers of a root are kept by address.
+TEST( StatsTextOrderTest, TiesStandInTheOrderOfTheirSchedulers ) {
+   const auto root = schedulerRootQuarnNonShared( "r" );
+   std::vector<std::shared_ptr<TaskGroup>> groups;
+   std::vector<std::shared_ptr<Task>> tasks = {
+         makeTask( root, TaskPriority::low, "of the root" ) };
+   std::vector<std::string> expected;
+   const auto add = [ & ]( const std::string& name, const std::shared_ptr<TaskScheduler>& parent ) {
+      groups.push_back( TaskGroup::TaskGroupIs( name, TaskPriority::low, false, parent ) );
+      tasks.push_back( makeTask( groups.back(), TaskPriority::low, "of " + name ) );
+      return groups.back();
+   };
+   for( char name = 'a'; name <= 'p'; ++name ) {
+      const auto group = add( std::string( 1, name ), root );
+      add( std::string( 1, name ) + "1", group );
+      add( std::string( 1, name ) + "2", group );
+      expected.insert( expected.begin(),
+                       { std::string( "of " ) + name, std::string( "of " ) + name + "2",
+                         std::string( "of " ) + name + "1" } );
+   }
+   expected.insert( expected.begin(), "of the root" );
+   std::istringstream report(
+         root->statsRenderTextForDebugToString( true, false, false, false, "of .*" ).stdString() );
+   std::vector<std::string> names;
+   for( std::string line; std::getline( report, line ); ) {
+      if( line.starts_with( "of " ) ) {
+         names.push_back( line.substr( 0, line.find( "  " ) ) );
+      }
+   }
+   EXPECT_EQ( names, expected );
+}
+
 TEST_F( StatsTextTest, FormsForDescriptorsAndStandardErrorWriteTheSame ) {
    int fds[ 2 ];
    ASSERT_EQ( pipe( fds ), 0 );
@@ -196,8 +248,10 @@ TEST_F( StatsTextTest, FormsForDescriptorsAndStandardErrorWriteTheSame ) {
    std::ostringstream captured;
    std::streambuf* const before = std::cerr.rdbuf( captured.rdbuf() );
    root->statsRenderTextForDebugStdErr();
+   root->historyRenderTextForDebugStdErr();
    std::cerr.rdbuf( before );
-   EXPECT_EQ( captured.str(), root->statsRenderTextForDebugToString().stdString() );
+   EXPECT_EQ( captured.str(), root->statsRenderTextForDebugToString().stdString() +
+                                    root->historyRenderTextForDebugToString().stdString() );
 
    std::thread( [ & ] {
       EXPECT_FATAL( root->statsRenderTextForDebugToString(), "Executing in wrong thread" );

@@ -4,9 +4,9 @@
 //     root->statsRenderTextForDebug( out );
 //     if( !out.flush() ) { ... the reader is gone, or the disk is full
 //
-// It writes whatever the descriptor takes how long: a write that a signal interrupts, or that takes
-// a part, goes on. That is why the descriptor must be a blocking one; to write without ever
-// blocking is for a descriptor task.
+// A write waits for as long as the reader takes: it goes on after a signal has interrupted it, and
+// after the descriptor has taken a part. That is why the descriptor must be a blocking one; to
+// write without ever blocking is for a descriptor task.
 
 #pragma once
 
@@ -27,8 +27,7 @@ namespace Quarn {
 class ORUQUARN_API FdToStream : public std::ostream {
  public:
    // Ownership: with `closeOnDestroy` the descriptor passes to the stream, which closes it, also
-   // when
-   //            this constructor fails. Without, it stays the caller's and open.
+   //            when this constructor fails. Without, it stays the caller's and open.
    // Errors:    fatal for a descriptor in non-blocking mode, and for one whose flags cannot be read
    //            ("FileDescriptor ... is non-blocking, not supported").
    FdToStream( int fd, bool closeOnDestroy );

@@ -23,11 +23,16 @@
 
 #include <memory>
 #include <unordered_set>
+#include <vector>
 
 #include <pthread.h>
 #include <sys/types.h>
 
 namespace Quarn {
+
+namespace Testing {
+class VirtualTimeLoop;
+}
 
 class ORUQUARN_API TaskSchedulerRoot final : public TaskScheduler,
                                              public Platform::CallbackHandler {
@@ -117,6 +122,8 @@ class ORUQUARN_API TaskSchedulerRoot final : public TaskScheduler,
    // Writes the history, newest event first: to a stream, to a blocking descriptor, as a string, or
    // to standard error. With a filter, the events of the tasks whose names match, and none of
    // schedulers; null shows all.
+   //
+   // Errors: those of the forms of `statsRenderTextForDebug`.
    void historyRenderTextForDebug( std::ostream& out ) const;
    void historyRenderTextForDebug( std::ostream& out, TaskNameRegex const* filter ) const;
    void historyRenderTextForDebug( int fd ) const;
@@ -128,9 +135,15 @@ class ORUQUARN_API TaskSchedulerRoot final : public TaskScheduler,
    const std::shared_ptr<TimerWheel>& timerWheelForTest() const { return timerWheel_; }
    // Writes a report of all schedulers of this root: counts of each priority, the longest run gap,
    // a legend, a row for each task and, when asked for, for each name of completed tasks, and the
-   // history. An empty expression shows all tasks, an invalid one none.
+   // history. An empty expression shows all tasks, an invalid one none. Rows of equal run time
+   // stand in the order of the schedulers: the root, then its groups, newest first, each followed
+   // by the groups under it.
    //
-   // The forms for a descriptor want a blocking one, and leave it open.
+   // The form for a descriptor leaves it open. Standard error is written to in any mode.
+   //
+   // Errors: fatal for a descriptor in non-blocking mode, as in `FdToStream`. What a descriptor or
+   //         standard error does not take is lost without a word. An invalid expression is reported
+   //         on standard error, too.
    void statsRenderTextForDebug( std::ostream& out, bool includeNoRuns = false,
                                  bool includeCompleted = false, bool includeTaskKeys = false,
                                  bool includeHistory = false, String taskNameRegex = {} ) const;
@@ -164,6 +177,7 @@ class ORUQUARN_API TaskSchedulerRoot final : public TaskScheduler,
    friend class TaskImpl;
    friend class TaskSchedulerSnapshot;
    friend class TimerTask;
+   friend class Testing::VirtualTimeLoop;
    friend struct ThreadEnd;
 
    // Several times a run, so without a call where there is a way: on x86-64 the C library's thread
@@ -177,7 +191,7 @@ class ORUQUARN_API TaskSchedulerRoot final : public TaskScheduler,
    }
    [[gnu::cold]] void _wrongThread() const;
    void _reevaluateYieldModes();
-   bool _hasGroupsUnder( const TaskScheduler& scheduler ) const;
+   std::vector<TaskScheduler const*> _schedulersInOrder() const;
    // Ends what would keep this root and its schedulers alive for ever.
    void abandonRenders();
 

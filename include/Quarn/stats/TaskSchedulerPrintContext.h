@@ -30,7 +30,8 @@ class ORUQUARN_API TaskSchedulerPrintContext {
    //         failure.
    explicit TaskSchedulerPrintContext( std::ostream& out );
 
-   // Opens the document on a blocking descriptor, which is closed with it when the flag is set.
+   // Opens the document on a blocking descriptor, which is closed with it when the flag is set,
+   // also when this constructor fails.
    //
    // Errors: those of `FdToStream`.
    TaskSchedulerPrintContext( int fd, bool closeOnDestroy );
@@ -48,6 +49,7 @@ class ORUQUARN_API TaskSchedulerPrintContext {
    void closeJson();
 
  private:
+   friend class TaskScheduler;
    friend class TaskSchedulerSnapshot;
 
    struct Impl;

@@ -5,7 +5,9 @@
 // refers to nothing of the scheduler's and may outlive it; the task pointers in its records are
 // identities, not to be followed.
 //
-// Thread: any may read one; it has no locks and needs none.
+// Thread: that of the scheduler's root takes it; any may read it, without locks. Its texts share
+//         storage with those of the scheduler, so that other threads need the thread-safe-pointer
+//         mode, which is on by default.
 
 #pragma once
 
@@ -79,7 +81,18 @@ class ORUQUARN_API TaskSchedulerSnapshot {
 
    // Writes a member: the scheduler's name, and the snapshot as an object. When that fails for want
    // of memory or otherwise, the object has the one member "generalError" instead.
+   //
+   // Errors: ends the process when the document is closed already ("JSON already closed"), and on
+   //         an exception that is not a `std::exception`.
    void renderJson( TaskSchedulerPrintContext& context ) const noexcept;
+
+   // Writes a member of any name: records as an object of "tasks", that of the largest total run
+   // time first, and "skipped". It stands where the document has come to: between `renderJson()` of
+   // two snapshots, beside them. What fails is written as there.
+   //
+   // Errors: fatal when the document is closed already ("JSON already closed").
+   void renderJsonTasks( TaskSchedulerPrintContext& context, const BasicVector<TaskStat>& stats,
+                         String key, unsigned skipped, bool completed ) const;
 
  private:
    // Makes one of prepared records.
@@ -92,8 +105,6 @@ class ORUQUARN_API TaskSchedulerSnapshot {
                            bool includeCompleted, bool includeHistory,
                            TaskNameRegex const* filter );
    void renderJsonImpl( TaskSchedulerPrintContext& context ) const;
-   void renderJsonTasks( TaskSchedulerPrintContext& context, const BasicVector<TaskStat>& stats,
-                         String key, unsigned skipped, bool completed ) const;
 
    String schedulerName_;
    String taskNameRegex_;
