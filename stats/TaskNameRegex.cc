@@ -55,14 +55,36 @@ struct GaveUp {};
 
 std::uintptr_t frame() { return reinterpret_cast<std::uintptr_t>( __builtin_frame_address( 0 ) ); }
 
-// What is left for one match.
-struct Budget {
+// What is left for one match. One lives on a thread at a time.
+class Budget {
+ public:
+   Budget() { current = this; }
+   ~Budget() { current = nullptr; }
+   Budget( const Budget& ) = delete;
+   Budget& operator=( const Budget& ) = delete;
+
+   // That of the match under way on this thread.
+   static thread_local Budget* current;
+
+   void spend( std::uint32_t cost ) { steps = cost < steps ? steps - cost : 0; }
+
    std::uint32_t steps = maxSteps;
+   // What going on to the next character costs. Known with the first comparison, when 0: the table
+   // of the match, and of lookaheads at the very front, are all that was paid for by then.
+   std::uint32_t advance = 0;
    std::uintptr_t lowestFrame = 0;
 };
 
-// Steps through a text on a budget: the matcher compares its position with the end before it takes
-// a character, at whatever depth it is.
+thread_local Budget* Budget::current = nullptr;
+
+// Steps through a text on a budget. The matcher compares its position with the end before it takes
+// a character, at whatever depth it is, and each comparison is a step. Two things that it does may
+// take far longer than the comparisons between them:
+//
+// - For the match, and anew for each lookahead that it comes by, it makes a table with a position
+//   for each state of the expression. Positions that point nowhere are steps, too.
+// - From one character to the next it may visit all states. Four of them are a step; when it
+//   backtracks, which has no such bound, a character is one.
 class Cursor {
  public:
    using iterator_category = std::bidirectional_iterator_tag;
@@ -71,12 +93,20 @@ class Cursor {
    using pointer = char const*;
    using reference = const char&;
 
-   Cursor() = default;
-   Cursor( char const* at, Budget* budget ) : at_( at ), budget_( budget ) {}
+   // Never throws; the next comparison does.
+   Cursor() noexcept {
+      if( Budget* const budget = Budget::current ) {
+         budget->spend( 1 );
+      }
+   }
+   Cursor( char const* at, Budget* budget ) noexcept : at_( at ), budget_( budget ) {}
 
    reference operator*() const { return *at_; }
    Cursor& operator++() {
       ++at_;
+      if( budget_ ) {
+         budget_->spend( budget_->advance );
+      }
       return *this;
    }
    Cursor operator++( int ) { return Cursor( at_++, budget_ ); }
@@ -87,8 +117,14 @@ class Cursor {
    Cursor operator--( int ) { return Cursor( at_--, budget_ ); }
 
    bool operator==( const Cursor& other ) const {
-      if( budget_ && ( budget_->steps-- == 0 || frame() < budget_->lowestFrame ) ) [[unlikely]] {
-         throw GaveUp();
+      if( budget_ ) {
+         if( budget_->steps == 0 || frame() < budget_->lowestFrame ) [[unlikely]] {
+            throw GaveUp();
+         }
+         if( budget_->advance == 0 ) {
+            budget_->advance = 1 + ( maxSteps - budget_->steps ) / 4;
+         }
+         budget_->spend( 1 );
       }
       return at_ == other.at_;
    }
@@ -166,6 +202,7 @@ struct TaskNameRegex::Expression {
       if( backtracks ) {
          // The last quarter is for the states between two checks.
          budget.lowestFrame = frame() - stackLeft() / 4 * 3;
+         budget.advance = 1;
       }
       try {
          return std::regex_match( Cursor( text.data(), &budget ),
@@ -228,7 +265,7 @@ bool TaskNameRegex::_match( const String& text, std::size_t passedOver, Cache& c
    case Match::doesNotMatch:
       return false;
    }
-   QUARN_STREAM_FAIL( "unexpected regexMatch" );
+   QUARN_STREAM_FAIL_AS( "match", "unexpected regexMatch" );
 }
 
 } // namespace Quarn
