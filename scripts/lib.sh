@@ -16,7 +16,8 @@ packages_of() {
    build)
       echo build-essential cmake ninja-build pkg-config ccache \
          libevent-dev libfmt-dev rapidjson-dev \
-         libboost-dev libboost-iostreams-dev libboost-system-dev libcli11-dev
+         libboost-dev libboost-iostreams-dev libboost-stacktrace-dev libboost-system-dev \
+         libcli11-dev
       ;;
    test) echo libgtest-dev libgmock-dev python3 ;;
    bench) echo libbenchmark-dev ;;

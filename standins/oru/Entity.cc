@@ -29,9 +29,13 @@ struct Table {
 Table& table() {
    static Table& theTable = []() -> Table& {
       // A child that is forked while another thread holds the mutex has it free. It is made anew
-      // there, since its holder goes by another number.
+      // there, since its holder goes by another number, for which the unlock does nothing but tell
+      // a thread checker.
       pthread_atfork( [] { table().mutex.lock(); }, [] { table().mutex.unlock(); },
-                      [] { new( &table().mutex ) std::recursive_mutex; } );
+                      [] {
+                         table().mutex.unlock();
+                         new( &table().mutex ) std::recursive_mutex;
+                      } );
       return *new Table;
    }();
    return theTable;

@@ -58,6 +58,8 @@ PtrInterface::NotifieeConst::~NotifieeConst() { isRegisteredNotifieeIs( false );
 
 void PtrInterface::NotifieeConst::onAttribute( AttributeId, void const* ) {}
 
+void PtrInterface::NotifieeConst::_notifierChanged() {}
+
 void PtrInterface::NotifieeConst::notifierIs( Ptr<PtrInterface const> notifier ) {
    if( notifier == notifier_ ) {
       return;
@@ -65,6 +67,8 @@ void PtrInterface::NotifieeConst::notifierIs( Ptr<PtrInterface const> notifier )
    isRegisteredNotifieeIs( false );
    // The old notifier goes with the parameter, last of all: its destructor may come back here.
    notifier_.swap( notifier );
+   // Before anything can fail: from here on nobody holds the old notifier for this notifiee.
+   _notifierChanged();
    isRegisteredNotifieeIs( true );
 }
 
@@ -75,6 +79,7 @@ void PtrInterface::NotifieeConst::isRegisteredNotifieeIs( bool registered ) {
    NotifieeList& list = notifier_->_notifieeListMade();
    if( registered ) {
       list.add( *this );
+      _notifierChanged();
    } else {
       list.remove( *this );
    }

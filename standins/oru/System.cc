@@ -1,5 +1,9 @@
 #include <Oru/System.h>
 
+#include "VirtualTime.h"
+
+#include <Oru/ActivityManager.h>
+
 #include <atomic>
 #include <cstdint>
 #include <cstdlib>
@@ -52,10 +56,17 @@ double realTime() {
 
 double System::currentTime() {
    SecondsFn const clock = clockFn.load( std::memory_order_relaxed );
-   double const now = clock ? clock() : realTime();
+   double const now =
+         ( clock ? clock() : realTime() ) + virtualTimeOffset.load( std::memory_order_relaxed );
    SecondsFn const offset = offsetFn.load( std::memory_order_relaxed );
    return offset ? now + offset() : now;
 }
+
+System::System() : status_( new SystemStatus ) {}
+
+void System::doRun() { ActivityManager::instance()->doRun(); }
+
+void System::doStop() { ActivityManager::instance()->doStop(); }
 
 void System::currentTimeOffsetFnIs( double ( *offset )() ) {
    offsetFn.store( offset, std::memory_order_relaxed );

@@ -1,3 +1,4 @@
+#include "standins/oru/InChild.h"
 #include "support/Fatal.h"
 
 #include <Oru/ActivityLock.h>
@@ -6,27 +7,12 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <sys/wait.h>
 #include <thread>
-#include <unistd.h>
 #include <vector>
 
 namespace {
 
 using Oru::ActivityLock;
-
-// What the function gives in a forked child, 0 to 255; -1 when the child did not end by itself.
-int inChild( int ( *body )() ) {
-   pid_t const child = fork();
-   if( child == 0 ) {
-      alarm( 30 ); // a lock that stays taken ends the child
-      _exit( body() );
-   }
-   int status = 0;
-   while( waitpid( child, &status, 0 ) < 0 && errno == EINTR ) {
-   }
-   return WIFEXITED( status ) ? WEXITSTATUS( status ) : -1;
-}
 
 TEST( ActivityLockTest, IsOwnedUntilReleasedAsOftenAsAcquired ) {
    ActivityLock& lock = ActivityLock::lock();

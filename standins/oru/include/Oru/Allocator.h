@@ -1,9 +1,11 @@
-// Allocator for the maps of the framework and of those who build on it.
+// Allocators for the objects and maps of the framework and of those who build on it.
 
 #pragma once
 
 #include <Quarn/base/MemTrack.h>
 
+#include <cstddef>
+#include <new>
 #include <type_traits>
 
 namespace Oru {
@@ -26,6 +28,28 @@ struct Allocator : Quarn::Allocator<T, Unit> {
    constexpr Allocator() noexcept = default;
    template<class U>
    constexpr Allocator( Allocator<U, Unit> const& ) noexcept {}
+};
+
+// Base of a class whose objects, made with `new`, are counted by Quarn::MemTrack under its name.
+// Classes derived from that class count as it does.
+//
+//     class Peer : public Oru::PtrInterface, public Oru::Allocated<Peer> { ... };
+//     Oru::Ptr<Peer> peer = new Peer;
+template<class T>
+struct Allocated {
+   // Both are kept out of line: where only one is inlined, the compiler warns that memory from one
+   // kind of `new` goes to another kind of `delete`.
+   [[gnu::noinline]] static void* operator new( std::size_t size ) {
+      static_assert( alignof( T ) <= __STDCPP_DEFAULT_NEW_ALIGNMENT__,
+                     "memory of this alignment is not to be had from plain operator new" );
+      void* const memory = ::operator new( size );
+      Quarn::MemTrack::of<T>().allocated( 1 );
+      return memory;
+   }
+   [[gnu::noinline]] static void operator delete( void* memory ) noexcept {
+      Quarn::MemTrack::of<T>().freed( 1 );
+      ::operator delete( memory );
+   }
 };
 
 } // namespace Oru

@@ -267,6 +267,10 @@ class ORU_API PtrInterface::NotifieeConst : public PtrInterface {
    friend class Oru::NotifieeList;
    static constexpr std::size_t unregistered = SIZE_MAX;
 
+   // Called when the notifier has changed, and when this notifiee has entered its list; for classes
+   // of the framework that keep notifiees in other places as well. Throws nothing.
+   virtual void _notifierChanged();
+
    Ptr<PtrInterface const> notifier_;
    std::size_t slot_ = unregistered; // place in the notifier's list
 };

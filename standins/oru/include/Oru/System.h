@@ -1,18 +1,21 @@
-// The clock of the process and its environment.
+// The process: its clock, its environment, its status and its activity loop.
 
 #pragma once
 
 #include <Oru/Export.h>
 #include <Oru/Ptr.h>
+#include <Oru/SystemStatus.h>
 
 #include <Quarn/base/String.h>
 
 namespace Oru {
 
+// There is one, Entity::singletonIs<System>().
 class ORU_API System : public PtrInterface {
  public:
    // Seconds since 1970: the wall time of the first call, plus what the monotonic clock has
-   // counted since, plus the offset. It looks like Unix time and never steps with the wall clock.
+   // counted since, plus ActivityManager::virtualTimeOffset(), plus the offset of the function
+   // below. It looks like Unix time and never steps with the wall clock.
    // A double of this size tells apart times a quarter of a microsecond from each other.
    //
    // Thread: any; one reading of the monotonic clock, no lock.
@@ -32,6 +35,18 @@ class ORU_API System : public PtrInterface {
    //
    // Thread: while no other thread changes the environment.
    static Quarn::String getenv( Quarn::String const& name );
+
+   // Runs the activity loop, or ends the run: ActivityManager::doRun() and doStop().
+   static void doRun();
+   static void doStop();
+
+   Ptr<SystemStatus> status() const { return status_; }
+
+ private:
+   friend struct Entity;
+   System();
+
+   Ptr<SystemStatus> const status_;
 };
 
 } // namespace Oru
