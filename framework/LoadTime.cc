@@ -1,13 +1,19 @@
 // Every object that the library makes when it is loaded, in order. Nothing else has a dynamic
 // initialiser.
 
+#include <OruQuarn/SystemStatusSm.h>
+
+#include <Quarn/base/ThreadControl.h>
 #include <Quarn/base/Time.h>
 #include <Quarn/debug/DebugHandler.h>
 #include <Quarn/platform/Time.h>
 #include <Quarn/platform/VirtualTime.h>
 
 #include "debug/Handlers.h"
+#include "framework/Modules.h"
+#include "util/IntrospectionMap.h"
 
+#include <Oru/Entity.h>
 #include <Oru/System.h>
 
 namespace Quarn::Platform {
@@ -42,12 +48,22 @@ class LoadTime {
       for( const auto& handler : handlers ) {
          handler.slot.handlerIs( getDebugHandler( handler.name, false ) );
       }
+      Oru::oruModuleIs( OruQuarn::systemStatusSmModule() );
+      Impl::makeIntrospectionMap();
       // All clocks are the framework's, which includes each thread's virtual-time offset.
       Oru::System::currentTimeOffsetFnIs( &leVirtualTimeOffset );
-      Quarn::Impl::timeIndirectFnIs( &Quarn::time );
+      Impl::timeIndirectFnIs( &Quarn::time );
+      Impl::threadSafePointerIsFnIs( &Oru::VFPtrInterface::threadSafePointersIs );
+      auto system = Oru::Entity::singletonExists<Oru::System>();
+      if( !system ) {
+         system = Oru::Entity::singletonIs<Oru::System>();
+      }
+      systemStatusSm_ = OruQuarn::SystemStatusSmIs( system->status() );
+      Oru::oruModuleIs( OruQuarn::backtraceTrackerModule() );
    }
 
    ~LoadTime() {
+      systemStatusSm_ = nullptr;
       for( auto handler = std::rbegin( handlers ); handler != std::rend( handlers ); ++handler ) {
          handler->slot.release();
       }
@@ -55,9 +71,12 @@ class LoadTime {
 
    LoadTime( const LoadTime& ) = delete;
    LoadTime& operator=( const LoadTime& ) = delete;
+
+ private:
+   Oru::Ptr<OruQuarn::SystemStatusSm> systemStatusSm_;
 };
 
-const LoadTime loadTime;
+LoadTime loadTime;
 
 } // namespace
 

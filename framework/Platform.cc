@@ -1,5 +1,10 @@
 // What depends on the process mode: libevent with thread-local singletons, the framework without.
 
+#include <OruQuarn/Callback.h>
+#include <OruQuarn/ClockTimer.h>
+#include <OruQuarn/FileDescriptor.h>
+
+#include <Quarn/base/MemTrack.h>
 #include <Quarn/base/ThreadControl.h>
 #include <Quarn/platform/EventLoop.h>
 #include <Quarn/platform/Factories.h>
@@ -7,10 +12,12 @@
 #include <Quarn/platform/VirtualTime.h>
 
 #include "debug/Handlers.h"
+#include "platform/DeferredRelease.h"
 
 #include <Oru/ActivityManager.h>
 #include <Oru/System.h>
 
+#include <cmath>
 #include <set>
 
 namespace Quarn {
@@ -23,12 +30,18 @@ namespace {
 
 constexpr char sourceFile[] = "Platform";
 
-void requireThreadLocalSingletons( char const* function ) {
-   if( !hasThreadLocalSingletons() ) {
-      QUARN_FAIL_AS( "Quarn::Platform", function,
-                     "the framework's controls are not in this build; thread-local singletons are "
-                     "needed" );
-   }
+void runFramework() {
+   // However it ends.
+   struct Release {
+      ~Release() { releaseDeferred(); }
+   };
+   const Release release;
+   Oru::System::doRun();
+}
+
+template<typename Adapter, typename Handler>
+std::shared_ptr<Adapter> adapter( Handler* handler ) {
+   return std::allocate_shared<Adapter>( Allocator<Adapter>(), handler );
 }
 
 void refuseThreadLocalSingletons( char const* function ) {
@@ -47,38 +60,57 @@ std::set<void ( * )()>& fastForwardNotifiers() {
 } // namespace
 
 std::shared_ptr<FdControl> getFdControl( FdEventHandler* handler ) {
-   requireThreadLocalSingletons( __func__ );
-   return getLeFdControl( handler );
+   if( hasThreadLocalSingletons() ) {
+      return getLeFdControl( handler );
+   }
+   return adapter<OruQuarn::FileDescriptor>( handler );
 }
 
 std::shared_ptr<TimerControl> getTimerControl( TimeoutHandler* handler ) {
-   requireThreadLocalSingletons( __func__ );
-   return getLeTimerControl( handler );
+   return getTimerControl( handler, EventPriority::eventPriorityDefault );
 }
 
 std::shared_ptr<TimerControl> getTimerControl( TimeoutHandler* handler, EventPriority priority ) {
-   requireThreadLocalSingletons( __func__ );
-   return getLeTimerControl( handler, priority );
+   if( hasThreadLocalSingletons() ) {
+      return getLeTimerControl( handler, priority );
+   }
+   // The framework has one queue of deadlines and no priorities.
+   return adapter<OruQuarn::ClockTimer>( handler );
 }
 
 std::shared_ptr<CallbackControl> getCallbackControl( CallbackHandler* handler ) {
-   requireThreadLocalSingletons( __func__ );
-   return getLeCallbackControl( handler );
+   if( hasThreadLocalSingletons() ) {
+      return getLeCallbackControl( handler );
+   }
+   return adapter<OruQuarn::Callback>( handler );
 }
 
 void doEventLoop() {
-   requireThreadLocalSingletons( __func__ );
-   doLeEventLoop();
+   if( hasThreadLocalSingletons() ) {
+      doLeEventLoop();
+   } else {
+      runFramework();
+   }
 }
 
 void doEventLoop( double timeout ) {
-   requireThreadLocalSingletons( __func__ );
-   doLeEventLoop( timeout );
+   if( hasThreadLocalSingletons() ) {
+      doLeEventLoop( timeout );
+      return;
+   }
+   if( std::isnan( timeout ) ) {
+      QUARN_FAIL( "Quarn::Platform", "invalid timeout {}", timeout );
+   }
+   Oru::ActivityManager::instance()->executionTimeIs( timeout );
+   runFramework();
 }
 
 void doEventLoopInWaitfor( double timeout ) {
-   requireThreadLocalSingletons( __func__ );
-   doLeEventLoopInWaitfor( timeout );
+   if( hasThreadLocalSingletons() ) {
+      doLeEventLoopInWaitfor( timeout );
+   } else {
+      doEventLoop( timeout );
+   }
 }
 
 bool fastForward() {

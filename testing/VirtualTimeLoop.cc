@@ -46,6 +46,9 @@ VirtualTimeLoop::Base::Base() {
    if( !isMainThread() ) {
       fail( __LINE__, "a VirtualTimeLoop belongs on the main thread" );
    }
+   if( !hasThreadLocalSingletons() ) {
+      return;
+   }
    if( leInitialized() ) {
       fail( __LINE__, "the thread has an event base already; make the VirtualTimeLoop before what "
                       "uses the event loop, and one at a time" );
@@ -54,11 +57,19 @@ VirtualTimeLoop::Base::Base() {
    leRegisterBase( base );
 }
 
-VirtualTimeLoop::Base::~Base() { leFree(); }
+VirtualTimeLoop::Base::~Base() {
+   if( base ) {
+      leFree();
+   }
+}
 
 VirtualTimeLoop::Switches::Switches()
       : fastForwardBefore( leFastForward() ),
         virtualTimeBefore( Oru::ActivityManager::instance()->virtualTime() ) {
+   if( !hasThreadLocalSingletons() ) {
+      Platform::setFastForward( true );
+      return;
+   }
    Oru::ActivityManagerConfig::virtualTimeIs( true );
    try {
       setLeFastForward( true );
@@ -71,6 +82,10 @@ VirtualTimeLoop::Switches::Switches()
 }
 
 VirtualTimeLoop::Switches::~Switches() {
+   if( !hasThreadLocalSingletons() ) {
+      Platform::setFastForward( virtualTimeBefore );
+      return;
+   }
    Oru::ActivityManagerConfig::virtualTimeIs( virtualTimeBefore );
    setLeFastForward( fastForwardBefore );
 }
@@ -93,7 +108,7 @@ VirtualTimeLoop::~VirtualTimeLoop() {
 }
 
 void VirtualTimeLoop::advance( double seconds ) {
-   doLeEventLoop( seconds );
+   Platform::doEventLoop( seconds );
    // Timers of the last moment have queued their tasks, whose runs take a turn each. As many as
    // wait now and no more, for a task may schedule itself for ever.
    for( std::int64_t left = root_->runnableTaskCount(); left > 0; --left ) {
@@ -102,6 +117,15 @@ void VirtualTimeLoop::advance( double seconds ) {
 }
 
 void VirtualTimeLoop::runUntilIdle() {
+   if( !base_.base ) {
+      const auto manager = Oru::ActivityManager::instance();
+      std::uint64_t before;
+      do {
+         before = manager->served();
+         Platform::doEventLoop( 0.0 );
+      } while( manager->served() != before );
+      return;
+   }
    // A turn has one event of its own, which breaks it. It becomes active together with all that is
    // ready at the start, so a turn that never had two active events has run nothing.
    do {
@@ -112,8 +136,12 @@ void VirtualTimeLoop::runUntilIdle() {
 
 bool VirtualTimeLoop::runOneTurn() {
    const std::uint64_t before = runs_;
-   // Its break comes behind what is due, and before the root's next callback.
-   eventLoopTimeout( 0.0 );
+   if( base_.base ) {
+      // Its break comes behind what is due, and before the root's next callback.
+      eventLoopTimeout( 0.0 );
+   } else {
+      Platform::doEventLoop( 0.0 );
+   }
    return runs_ != before;
 }
 

@@ -65,7 +65,10 @@ std::shared_ptr<TimerWheel> getTimerWheelForTaskScheduler( Platform::EventPriori
 
 std::shared_ptr<TimerWheel> getTimerWheel() {
    if( !hasThreadLocalSingletons() ) {
-      QUARN_FAIL( "Quarn", "no timer wheel without thread-local singletons in this build" );
+      // Released at exit, before the handlers that it traces to.
+      static const std::shared_ptr<TimerWheel> wheelOfProcess =
+            getTimerWheelForTaskScheduler( Platform::EventPriority::eventPriorityDefault );
+      return wheelOfProcess;
    }
    if( wheelSlot.holds() ) {
       return wheelSlot.get();

@@ -4,3 +4,4 @@
 
 #include <Quarn/debug/TraceHandleName.h>
 #include <Quarn/util/Hash.h>
+#include <Quarn/util/IntrospectionMap.h>

@@ -1,3 +1,4 @@
+#include <Quarn/base/ThreadControl.h>
 #include <Quarn/testing/Clocks.h>
 #include <Quarn/testing/VirtualTimeLoop.h>
 
@@ -246,12 +247,13 @@ TEST( VirtualTimeLoopTest, TwoRunsOfOneScenarioGiveTheSameLog ) {
 }
 
 TEST( VirtualTimeLoopTest, TeardownPutsEverythingBackAndLeavesRoomForAnother ) {
+   const bool onLibevent = hasThreadLocalSingletons();
    for( int round = 0; round < 3; ++round ) {
       EXPECT_FALSE( leInitialized() );
       EXPECT_FALSE( leFastForward() );
       EXPECT_FALSE( Oru::ActivityManager::instance()->virtualTime() );
       VirtualTimeLoop loop;
-      EXPECT_TRUE( leFastForward() );
+      EXPECT_EQ( leFastForward(), onLibevent );
       EXPECT_TRUE( Oru::ActivityManager::instance()->virtualTime() );
       EXPECT_TRUE( loop.root()->virtualTime() );
       EXPECT_NE( loop.root(), schedulerRootQuarn() );
@@ -265,7 +267,8 @@ TEST( VirtualTimeLoopTest, TeardownPutsEverythingBackAndLeavesRoomForAnother ) {
    }
    EXPECT_FALSE( leInitialized() );
    // In real time again, ahead of it.
-   EXPECT_GT( leVirtualTimeOffset(), 3000.0 );
+   EXPECT_GT( onLibevent ? leVirtualTimeOffset() : Oru::ActivityManager::virtualTimeOffset(),
+              3000.0 );
    setLeFastForward( true );
    Oru::ActivityManagerConfig::virtualTimeIs( true );
    leFree();
@@ -316,6 +319,9 @@ TEST( VirtualTimeLoopTest, RefusesTheWrongPlace ) {
       EXPECT_FATAL( VirtualTimeLoop{}, "a VirtualTimeLoop belongs on the main thread" );
       EXPECT_FALSE( leInitialized() );
    } ).join();
+   if( !hasThreadLocalSingletons() ) {
+      return;
+   }
    const VirtualTimeLoop loop;
    EXPECT_FATAL( VirtualTimeLoop{}, "the thread has an event base already" );
    EXPECT_TRUE( leFastForward() ) << "a refused loop changes nothing";

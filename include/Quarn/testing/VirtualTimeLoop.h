@@ -17,6 +17,9 @@
 // Work that is runnable holds time back: a jump is made only when nothing is. A task that schedules
 // itself for ever turns `advance( 3600.0 )` into an hour.
 //
+// Without thread-local singletons it is the framework's loop that jumps. There is one in the
+// process, so what others have on it runs as well.
+//
 // Tasks of task groups run at most once in a run of their group, as always under virtual time.
 //
 // Order:  make it before anything that uses the event loop of the thread (controls, wheels, the
@@ -48,7 +51,8 @@ class ORUQUARN_API VirtualTimeLoop {
    VirtualTimeLoop();
 
    // Undoes all that: the switches are set back to what they were. Virtual time stays ahead, for it
-   // never goes back. Fast-forward notifiers must not throw here.
+   // never goes back. Fast-forward notifiers must not throw here. A render of snapshots that is
+   // under way ends as it does with its thread: the descriptor is closed and nobody told.
    ~VirtualTimeLoop();
 
    VirtualTimeLoop( const VirtualTimeLoop& ) = delete;
@@ -82,7 +86,7 @@ class ORUQUARN_API VirtualTimeLoop {
    struct Base {
       Base();
       ~Base();
-      event_base* base;
+      event_base* base = nullptr; // none on the framework's loop
    };
    struct Switches {
       Switches();
