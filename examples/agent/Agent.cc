@@ -1,6 +1,7 @@
 #include "examples/agent/Agent.h"
 
 #include <Quarn/LibeventFactoryCpp.h>
+#include <Quarn/base/ThreadControl.h>
 
 #include <fmt/format.h>
 
@@ -16,6 +17,8 @@ using namespace std::chrono_literals;
 
 constexpr Rhythm loadRhythm{ 5.0, 20 };
 constexpr Rhythm namesRhythm{ 3600.0, 20 };
+// How often to look whether the last client has gone.
+constexpr double lookAgainSeconds = 0.05;
 
 std::shared_ptr<Quarn::TaskGroup>
 makeSamplesGroup( const std::shared_ptr<Quarn::TaskSchedulerRoot>& root ) {
@@ -27,21 +30,32 @@ makeSamplesGroup( const std::shared_ptr<Quarn::TaskSchedulerRoot>& root ) {
 
 } // namespace
 
-// Ends the run when the time is over. It fires once more at the very end: the wheel's pass for it
-// finds no other timer, and disarms the wheel's own. Stopping timers leaves that set, and it would
-// keep a loop that ends when nothing is pending.
+// Ends the run when the time is over. It fires again until no client is being answered. The last
+// time is the very end: the wheel's pass for it finds no other timer, and disarms the wheel's own.
+// Stopping timers leaves that set, and it would keep a loop that ends when nothing is pending.
 class Agent::EndTimer final : public Quarn::TimerTask {
  public:
    explicit EndTimer( Agent& agent )
          : TimerTask( agent.root_, Quarn::TaskPriority::normal, "EndTimer" ),
            agent_( agent ) {}
 
-   void fireLast() { scheduleTaskDelay( -1.0 ); }
+   // Leaves the loop with an answer pending.
+   struct AnswerLeft {};
+
+   void fireLast() {
+      giveUpAt_ = Quarn::time() + lastAnswerSeconds;
+      scheduleTaskDelay( -1.0 );
+   }
 
  private:
    void taskExecute() override {
       if( agent_.stopReason().empty() ) {
          agent_.stop( "time is over" );
+      } else if( agent_._answering() ) {
+         if( Quarn::time() >= giveUpAt_ ) {
+            throw AnswerLeft();
+         }
+         scheduleTaskDelay( lookAgainSeconds );
       } else {
          // The scheduler holds this task for the run, and keeps its counters for the report.
          agent_.endTimer_.reset();
@@ -49,6 +63,7 @@ class Agent::EndTimer final : public Quarn::TimerTask {
    }
 
    Agent& agent_;
+   double giveUpAt_ = 0.0;
 };
 
 Agent::Agent( const Options& options, const std::string& procFolder )
@@ -102,11 +117,25 @@ void Agent::run() {
    for( const auto& timer : { walkTimer_, loadTimer_, namesTimer_ } ) {
       timer->start();
    }
-   // The plain loop jumps to its first timer only and then goes on in real time.
-   while( fastForward() && stopReason_.empty() ) {
+   // Libevent's plain loop jumps to its first timer only and then goes on in real time.
+   while( fastForward() && Quarn::hasThreadLocalSingletons() && stopReason_.empty() ) {
       Quarn::eventLoopFastForwardToFirstTimer( std::numeric_limits<double>::infinity() );
    }
-   Quarn::Platform::doEventLoop();
+   try {
+      Quarn::Platform::doEventLoop();
+   } catch( const EndTimer::AnswerLeft& ) {
+      QUARN_FMTRACE( *debug_, 1, "Agent", "{} answers are left unfinished",
+                     showServer_->sessions() );
+   }
+}
+
+bool Agent::_answering() {
+   if( !showServer_ || showServer_->sessions() == 0 ) {
+      return false;
+   }
+   // The way to throw an answer away may be open now.
+   showServer_->stop();
+   return showServer_->sessions() != 0;
 }
 
 void Agent::stop( std::string_view reason ) {

@@ -13,7 +13,8 @@
 //
 // The agent lives on one thread and runs that thread's event loop. It ends by disarming all it has
 // armed: the loop is left when nothing is pending, so that its return proves that nothing was
-// forgotten. Tables that were published by then are still worked up.
+// forgotten. Tables that were published by then are still worked up. Only an answer to a client
+// that cannot be thrown away is left behind.
 
 #pragma once
 
@@ -59,7 +60,11 @@ class Agent {
 
    // Ends the run: disarms timers, descriptors and signals and gives up the walk under way. May be
    // called from any task or handler of the loop.
+   //
+   // An answer that cannot be thrown away, since its pipe cannot be opened, holds the loop for
+   // `lastAnswerSeconds` more; it is left as it is then.
    void stop( std::string_view reason );
+   static constexpr double lastAnswerSeconds = 2.0;
 
    // Why the run ended; empty before.
    const std::string& stopReason() const { return stopReason_; }
@@ -103,6 +108,7 @@ class Agent {
 
    void _publish( const std::shared_ptr<const ProcessTable>& table );
    void _walkBeat();
+   bool _answering();
 
    Options options_;
    std::shared_ptr<Quarn::Platform::DebugHandler> debug_;

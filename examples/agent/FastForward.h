@@ -6,7 +6,7 @@ namespace HostAgent {
 
 // The event loop jumps to its next timer instead of sleeping. Two parties have to know: the loop,
 // and the scheduler, which asks the framework's activity manager and then measures quanta on the
-// virtual clock as well.
+// virtual clock as well. The framework's own loop asks that too, so there one switch does.
 //
 // Thread: the main one.
 class FastForward {

@@ -112,6 +112,8 @@ std::variant<Options, ExitCode> optionsFromCommandLine( int argc, char const* co
    app.add_option( "--watch-folder", options.watchFolder, "Watch the entries of a folder too" )
          ->check( CLI::Validator( checkFolder, "" ) )
          ->type_name( "PATH" );
+   app.add_flag( "--framework", options.framework,
+                 "Run on the loop of the object framework instead of libevent's" );
    app.add_option( "--trace", options.trace,
                    "Trace settings, as in the environment variable TRACE" )
          ->type_name( "SETTINGS" );

@@ -25,6 +25,8 @@ struct Options {
    unsigned top = 10;
    // Whose entries are watched; empty for none.
    std::string watchFolder;
+   // Whether the framework's loop runs the agent instead of libevent's.
+   bool framework = false;
    // Trace settings, in the syntax of the environment variable TRACE.
    std::string trace;
 };

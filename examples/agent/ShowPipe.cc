@@ -9,7 +9,6 @@
 #include <ctime>
 
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 namespace HostAgent {
@@ -51,8 +50,7 @@ class PipeSignalHeld {
 } // namespace
 
 bool isPipeWriteEnd( int fd ) {
-   struct stat status {};
-   if( fstat( fd, &status ) != 0 || !S_ISFIFO( status.st_mode ) ) {
+   if( fcntl( fd, F_GETPIPE_SZ ) < 0 ) {
       return false;
    }
    const int flags = fcntl( fd, F_GETFL );

@@ -12,7 +12,8 @@
 
 namespace HostAgent {
 
-// Whether `fd` is the write end of a pipe, named or not, and no other.
+// Whether `fd` is the write end of a pipe, named or not, and no other. Asks no file system, which
+// may take its time to answer.
 bool isPipeWriteEnd( int fd );
 
 // A write end, or a read end, of the same pipe: non-blocking, and with flags of its own. Not valid,

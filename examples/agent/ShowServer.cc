@@ -7,9 +7,11 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <limits>
 #include <utility>
 #include <vector>
 
+#include <sys/socket.h>
 #include <unistd.h>
 
 namespace HostAgent {
@@ -21,9 +23,9 @@ constexpr double exhaustedSeconds = 1.0;
 
 } // namespace
 
-class ShowServer::Patience final : public Quarn::TimerTask {
+class ShowServer::Look final : public Quarn::TimerTask {
  public:
-   explicit Patience( ShowServer& server )
+   explicit Look( ShowServer& server )
          : TimerTask( server.root_, Quarn::TaskPriority::normal, "ShowPatience" ),
            server_( server ) {}
 
@@ -33,13 +35,17 @@ class ShowServer::Patience final : public Quarn::TimerTask {
    ShowServer& server_;
 };
 
+ShowServer::ShowServer( std::shared_ptr<Quarn::TaskSchedulerRoot> root, const std::string& name )
+      : ShowServer( std::move( root ), name, Patience() ) {}
+
 ShowServer::ShowServer( std::shared_ptr<Quarn::TaskSchedulerRoot> root, const std::string& name,
-                        double patience )
+                        const Patience& patience )
       : FileDescriptorTask( root, Quarn::TaskPriority::normal, "ShowServer" ),
         debug_( Quarn::Platform::getDebugHandler( "HostAgent", false ) ),
         root_( std::move( root ) ),
         patience_( patience ),
-        timer_( std::make_shared<Patience>( *this ) ),
+        look_( std::make_shared<Look>( *this ) ),
+        closer_( std::make_shared<ConnectionCloser>() ),
         listening_( Show::listenAs( name ) ) {
    if( !listening_.valid() ) {
       refusal_ = errno == EADDRINUSE ? fmt::format( "another agent has the name '{}'", name )
@@ -51,19 +57,41 @@ ShowServer::ShowServer( std::shared_ptr<Quarn::TaskSchedulerRoot> root, const st
 }
 
 // The socket is closed before the base class would forget it.
-ShowServer::~ShowServer() { taskWatchFdDel(); }
+ShowServer::~ShowServer() { _leave(); }
 
 void ShowServer::stop() {
-   taskWatchFdDel();
-   listening_.reset();
-   timer_->stopTimerTask();
+   _leave();
+   look_->stopTimerTask();
    // Those that end at once leave the list meanwhile.
    for( const Entry& entry : std::vector( sessions_.begin(), sessions_.end() ) ) {
       entry.session->giveUp();
    }
 }
 
+// Closing the socket would close those that wait to be accepted.
+void ShowServer::_leave() {
+   taskWatchFdDel();
+   if( !listening_.valid() ) {
+      return;
+   }
+   // From here on nobody can connect.
+   shutdown( listening_.get(), SHUT_RDWR );
+   Show::Descriptor client;
+   while( ( client = Show::acceptClient( listening_.get() ) ).valid() || errno == ECONNABORTED ) {
+      closer_->close( std::move( client ) );
+   }
+   if( errno == EMFILE || errno == ENFILE || errno == ENOMEM || errno == ENOBUFS ) {
+      // Some may be left. The name is free a moment later then.
+      closer_->close( std::move( listening_ ) );
+   }
+   listening_.reset();
+}
+
 void ShowServer::taskExecuteReadable() {
+   if( sessions_.size() >= sessionsMax ) {
+      full_ = true;
+      return _giveUpOverdue();
+   }
    // One a run: who waits makes the socket readable again at once.
    Show::Descriptor client = Show::acceptClient( listening_.get() );
    if( client.valid() ) {
@@ -72,36 +100,29 @@ void ShowServer::taskExecuteReadable() {
    } else if( errno != EAGAIN && errno != EINTR && errno != ECONNABORTED ) {
       QUARN_FMTRACE( *debug_, 1, "ShowServer", "cannot accept: {}", Quarn::strerror( errno ) );
       taskWatchReadableIs( false );
-      timer_->scheduleTaskLowestDelay( exhaustedSeconds );
+      look_->scheduleTaskLowestDelay( exhaustedSeconds );
    }
 }
 
 // Writes are never watched.
 void ShowServer::taskExecuteWritable() {}
 
-std::size_t ShowServer::_count( bool trusted ) const {
-   return static_cast<std::size_t>( std::ranges::count(
-         sessions_, trusted, []( const Entry& entry ) { return entry.session->trusted(); } ) );
-}
-
 void ShowServer::_admit( Show::Descriptor client ) {
    const auto user = Show::peerUser( client.get() );
-   const bool trusted = user && ( *user == geteuid() || *user == 0 );
-   if( !trusted ) {
-      QUARN_FMTRACE( *debug_, 1, "ShowServer", "a request of user {}",
+   if( !user || ( *user != geteuid() && *user != 0 ) ) {
+      QUARN_FMTRACE( *debug_, 1, "ShowServer", "refused user {}",
                      user ? std::to_string( *user ) : "unknown" );
-      if( _count( false ) != 0 ) {
-         return;
-      }
+      ++refused_;
+      closer_->close( std::move( client ) );
+      return _watch();
    }
    auto session = std::make_shared<ShowSession>(
-         root_, std::move( client ), trusted,
+         root_, std::move( client ), closer_,
          [ this ]( ShowSession& ended, ShowSession::Outcome outcome ) {
             _ended( ended, outcome );
          } );
-   sessions_.push_back( { std::move( session ), Quarn::time() + patience_ } );
-   timer_->scheduleTaskLowestDelay( patience_ );
-   taskWatchReadableIs( _count( true ) < sessionsMax );
+   sessions_.push_back( { std::move( session ), Quarn::time() } );
+   look_->scheduleTaskLowestDelay( patience_.toAsk );
 }
 
 void ShowServer::_ended( ShowSession& session, ShowSession::Outcome outcome ) {
@@ -110,28 +131,50 @@ void ShowServer::_ended( ShowSession& session, ShowSession::Outcome outcome ) {
    givenUp_ += outcome == ShowSession::Outcome::givenUp ? 1 : 0;
    sessions_.remove_if(
          [ &session ]( const Entry& entry ) { return entry.session.get() == &session; } );
+   full_ = false;
    if( !listening_.valid() ) {
       return;
    }
-   taskWatchReadableIs( true );
    if( sessions_.empty() ) {
-      timer_->stopTimerTask();
+      look_->stopTimerTask();
+   }
+   _watch();
+}
+
+// Takes the next client when there is a place, and no connection that could not be closed.
+void ShowServer::_watch() {
+   const bool closed = closer_->retry();
+   taskWatchReadableIs( closed && !full_ );
+   if( !closed ) {
+      QUARN_FMTRACE( *debug_, 1, "ShowServer", "cannot close a connection: {}",
+                     Quarn::strerror( errno ) );
+      look_->scheduleTaskLowestDelay( exhaustedSeconds );
    }
 }
 
+double ShowServer::_deadline( const Entry& entry ) const {
+   return entry.since + ( !entry.session->asked() ? patience_.toAsk
+                          : full_                 ? patience_.toReadWhenFull
+                                                  : patience_.toRead );
+}
+
 void ShowServer::_giveUpOverdue() {
-   taskWatchReadableIs( _count( true ) < sessionsMax );
    const double now = Quarn::time();
-   while( !sessions_.empty() && sessions_.front().deadline <= now ) {
-      // It may end at once, or be there for another while.
-      sessions_.splice( sessions_.end(), sessions_, sessions_.begin() );
-      sessions_.back().deadline = now + patience_;
-      const auto session = sessions_.back().session;
-      session->giveUp();
+   for( auto next = sessions_.begin(); next != sessions_.end(); ) {
+      Entry& entry = *next++;
+      if( _deadline( entry ) <= now ) {
+         // It may end at once, which leaves a place, or be there for another while.
+         entry.since = now;
+         const auto session = entry.session;
+         session->giveUp();
+      }
    }
-   if( !sessions_.empty() ) {
-      timer_->scheduleTaskDelay( sessions_.front().deadline - now );
+   double first = std::numeric_limits<double>::infinity();
+   for( const Entry& entry : sessions_ ) {
+      first = std::min( first, _deadline( entry ) - now );
    }
+   look_->scheduleTaskDelay( first );
+   _watch();
 }
 
 } // namespace HostAgent

@@ -23,21 +23,48 @@ namespace {
 // What one write or read moves: the usual capacity of a pipe.
 constexpr std::size_t sliceSize = 65536;
 
+// What the agent has against an expression, if anything, that the library would take.
+std::string_view wrongWith( std::string_view match ) {
+   // Control bytes of ASCII, and those of Latin 1 in UTF-8. An invalid expression is reported on
+   // standard error as it came.
+   for( std::size_t i = 0; i < match.size(); ++i ) {
+      const auto byte = static_cast<unsigned char>( match[ i ] );
+      const auto before = static_cast<unsigned char>( i == 0 ? 0 : match[ i - 1 ] );
+      if( byte < ' ' || byte == 0x7F || ( before == 0xC2 && byte >= 0x80 && byte < 0xA0 ) ) {
+         return "the expression has a control character; write \\t, \\n or \\xHH";
+      }
+   }
+   // Matching those may take exponential time.
+   for( std::size_t i = 0; i + 1 < match.size(); ++i ) {
+      if( match[ i ] == '\\' ) {
+         ++i;
+         if( match[ i ] >= '1' && match[ i ] <= '9' ) {
+            return "the expression has a back-reference";
+         }
+      }
+   }
+   return {};
+}
+
 } // namespace
 
 ShowSession::ShowSession( std::shared_ptr<Quarn::TaskSchedulerRoot> root, Show::Descriptor client,
-                          bool trusted, std::function<void( ShowSession&, Outcome )> ended )
+                          std::shared_ptr<ConnectionCloser> closer,
+                          std::function<void( ShowSession&, Outcome )> ended )
       : FileDescriptorTask( root, Quarn::TaskPriority::normal, "ShowSession" ),
         debug_( Quarn::Platform::getDebugHandler( "HostAgent", false ) ),
         root_( std::move( root ) ),
         ended_( std::move( ended ) ),
-        trusted_( trusted ),
-        client_( std::move( client ) ) {
+        client_( std::move( client ) ),
+        closer_( std::move( closer ) ) {
    taskWatchFdIs( client_.get() );
 }
 
 // The descriptors are closed before the base class would forget them.
-ShowSession::~ShowSession() { taskWatchFdDel(); }
+ShowSession::~ShowSession() {
+   taskWatchFdDel();
+   closer_->close( std::move( client_ ) );
+}
 
 void ShowSession::giveUp() {
    switch( step_ ) {
@@ -50,8 +77,10 @@ void ShowSession::giveUp() {
    case Step::rendering:
       pipe_ = pipeReadEndOf( rendering_ );
       if( !pipe_.valid() ) {
-         QUARN_FMTRACE( *debug_, 1, "ShowSession", "cannot empty the pipe: {}",
-                        Quarn::strerror( errno ) );
+         if( !std::exchange( stuck_, true ) ) {
+            QUARN_FMTRACE( *debug_, 1, "ShowSession", "cannot empty the pipe: {}",
+                           Quarn::strerror( errno ) );
+         }
          return;
       }
       step_ = Step::draining;
@@ -73,23 +102,25 @@ void ShowSession::taskExecuteReadable() {
 }
 
 void ShowSession::_takeRecord() {
-   Show::Received received = Show::receiveRecord( client_.get() );
+   Show::Received received = Show::peekRecord( client_.get() );
    if( received.state == Show::Received::State::nothing ) {
       return;
    }
    taskWatchFdDel();
-   client_.reset();
+   const bool isPipe = received.passed.valid() && isPipeWriteEnd( received.passed.get() );
+   if( !isPipe ) {
+      // While the connection still has it too.
+      received.passed.reset();
+   }
+   closer_->close( std::move( client_ ) );
    if( received.state == Show::Received::State::ended ) {
       return _end( Outcome::nothing );
    }
-   if( !received.passed.valid() || !isPipeWriteEnd( received.passed.get() ) ) {
+   if( !isPipe ) {
       QUARN_FMTRACE( *debug_, 1, "ShowSession", "a request without the write end of a pipe" );
       return _end( Outcome::refused );
    }
    pipe_ = std::move( received.passed );
-   if( !trusted_ ) {
-      return _refuse( "only the user of this agent and root may ask" );
-   }
    if( received.surplus ) {
       return _refuse( "more than one descriptor came with the request" );
    }
@@ -109,6 +140,9 @@ void ShowSession::_takeRecord() {
 }
 
 void ShowSession::_answer( const Show::Request& request ) {
+   if( const std::string_view wrong = wrongWith( request.match ); !wrong.empty() ) {
+      return _refuse( wrong );
+   }
    if( !request.match.empty() ) {
       const Quarn::TaskNameRegex filter{ Quarn::String( request.match ) };
       if( !filter.valid() ) {
@@ -172,7 +206,7 @@ void ShowSession::taskExecuteWritable() {
    while( step_ == Step::writing ) {
       const ssize_t size = Oru::guardedWrite( pipe_.get(), text_.data() + written_,
                                               std::min( text_.size() - written_, sliceSize ) );
-      if( size == -EAGAIN ) {
+      if( size == -EAGAIN || size == -EINTR ) {
          return taskWatchWritableIs( true );
       }
       if( size < 0 ) {
@@ -205,7 +239,7 @@ void ShowSession::_refuse( std::string_view reason ) {
 void ShowSession::_end( Outcome outcome ) {
    step_ = Step::over;
    taskWatchFdDel();
-   client_.reset();
+   closer_->close( std::move( client_ ) );
    pipe_.reset();
    text_ = {};
    // Not from the member, which may be destroyed by the call.

@@ -11,6 +11,7 @@
 
 #include <Quarn/Debug.h>
 #include <Quarn/base/Exception.h>
+#include <Quarn/base/ThreadControl.h>
 
 #include <cerrno>
 #include <csignal>
@@ -40,6 +41,8 @@ int runAgent( const HostAgent::Options& options ) {
    if( !options.trace.empty() ) {
       Quarn::Platform::setupQuarnDebug( options.trace.c_str() );
    }
+   // Before the first control is made, for it decides which kind.
+   Quarn::hasThreadLocalSingletonsIs( !options.framework );
    std::ostringstream report;
    auto agent = std::make_unique<HostAgent::Agent>( options );
    if( const std::string refusal = agent->showRefusal(); !refusal.empty() ) {

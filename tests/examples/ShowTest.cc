@@ -14,14 +14,21 @@
 #include <gtest/gtest.h>
 
 #include <array>
+#include <chrono>
+#include <csignal>
 #include <cstring>
 #include <filesystem>
 #include <string>
 #include <vector>
 
+#include <arpa/inet.h>
 #include <fcntl.h>
+#include <netinet/in.h>
+#include <sys/fsuid.h>
+#include <sys/ioctl.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -99,6 +106,23 @@ class ShowTest : public ::testing::Test {
       return client;
    }
 
+   // Sends a request with any number of descriptors.
+   static void sendTogether( int client, const std::vector<int>& fds ) {
+      alignas( cmsghdr ) std::array<char, CMSG_SPACE( 12 * sizeof( int ) )> control{};
+      iovec part{ const_cast<char*>( "text" ), 4 };
+      msghdr message{};
+      message.msg_iov = &part;
+      message.msg_iovlen = 1;
+      message.msg_control = control.data();
+      message.msg_controllen = CMSG_SPACE( fds.size() * sizeof( int ) );
+      cmsghdr* const header = CMSG_FIRSTHDR( &message );
+      header->cmsg_level = SOL_SOCKET;
+      header->cmsg_type = SCM_RIGHTS;
+      header->cmsg_len = CMSG_LEN( fds.size() * sizeof( int ) );
+      std::memcpy( CMSG_DATA( header ), fds.data(), fds.size() * sizeof( int ) );
+      ASSERT_EQ( sendmsg( client, &message, 0 ), 4 );
+   }
+
    // Everything that comes until the agent closes the pipe.
    static std::string read( const Pipe& pipe ) {
       fcntl( pipe.readEnd.get(), F_SETFL, O_NONBLOCK );
@@ -165,6 +189,10 @@ TEST_F( ShowTest, WhatIsNoRequestGetsOneLine ) {
          { "text match " + std::string( Show::requestSizeMax, 'a' ),
            "error: the request is too long\n" },
          { "text match (", "error: Mismatched '('" },
+         { "text match a\x1b[2J(", "error: the expression has a control character" },
+         { "text match \xc2\x9b", "error: the expression has a control character" },
+         { "text match (?:|){64}(b)?\\1x", "error: the expression has a back-reference\n" },
+         { "json match \\\\\\9", "error: the expression has a back-reference\n" },
          { "json match " + std::string( 2049, 'a' ), "error: Regular expression is too long" },
    };
    for( const auto& [ record, says ] : cases ) {
@@ -173,6 +201,11 @@ TEST_F( ShowTest, WhatIsNoRequestGetsOneLine ) {
       EXPECT_EQ( Show::parseAnswer( Kind::json, answer ).state, State::refused );
    }
    EXPECT_EQ( server_->refused(), std::size( cases ) );
+   // An escaped backslash, a NUL, and a character of two bytes.
+   for( char const* good : { "\\\\1", "a\\0", "\u00e9" } ) {
+      EXPECT_THAT( read( ask( std::string( "text match " ) + good ) ), StartsWith( "ok " ) )
+            << good;
+   }
 }
 
 TEST_F( ShowTest, WhatIsNoWriteEndOfAPipeIsClosedUntouched ) {
@@ -205,27 +238,75 @@ TEST_F( ShowTest, WhatIsNoWriteEndOfAPipeIsClosedUntouched ) {
 
 TEST_F( ShowTest, SurplusDescriptorsAreClosedAndRefused ) {
    const std::size_t before = openDescriptors();
-   // Some of twelve have no room in what the agent receives.
    for( const std::size_t count : { 2u, 12u } ) {
       Pipe pipe;
-      const std::vector<int> fds( count, pipe.writeEnd.get() );
-      alignas( cmsghdr ) std::array<char, CMSG_SPACE( 12 * sizeof( int ) )> control{};
-      iovec part{ const_cast<char*>( "text" ), 4 };
-      msghdr message{};
-      message.msg_iov = &part;
-      message.msg_iovlen = 1;
-      message.msg_control = control.data();
-      message.msg_controllen = CMSG_SPACE( count * sizeof( int ) );
-      cmsghdr* const header = CMSG_FIRSTHDR( &message );
-      header->cmsg_level = SOL_SOCKET;
-      header->cmsg_type = SCM_RIGHTS;
-      header->cmsg_len = CMSG_LEN( count * sizeof( int ) );
-      std::memcpy( CMSG_DATA( header ), fds.data(), count * sizeof( int ) );
-      ASSERT_EQ( sendmsg( connect().get(), &message, 0 ), 4 );
+      sendTogether( connect().get(), std::vector<int>( count, pipe.writeEnd.get() ) );
       pipe.writeEnd.reset();
       EXPECT_EQ( read( pipe ), "error: more than one descriptor came with the request\n" );
    }
    EXPECT_EQ( openDescriptors(), before );
+}
+
+// What keeps the last close of a socket waiting for an hour: it has data that nobody takes.
+struct Lingering {
+   Lingering() {
+      const Descriptor listening( socket( AF_INET, SOCK_STREAM, 0 ) );
+      sockaddr_in address{};
+      address.sin_family = AF_INET;
+      address.sin_addr.s_addr = htonl( INADDR_LOOPBACK );
+      socklen_t size = sizeof( address );
+      auto* const plain = reinterpret_cast<sockaddr*>( &address );
+      EXPECT_EQ( bind( listening.get(), plain, size ), 0 );
+      EXPECT_EQ( listen( listening.get(), 1 ), 0 );
+      EXPECT_EQ( getsockname( listening.get(), plain, &size ), 0 );
+      sender = Descriptor( socket( AF_INET, SOCK_STREAM, 0 ) );
+      EXPECT_EQ( ::connect( sender.get(), plain, size ), 0 );
+      receiver = Descriptor( accept( listening.get(), nullptr, nullptr ) );
+      const std::vector<char> data( 65536 );
+      while( send( sender.get(), data.data(), data.size(), MSG_DONTWAIT ) > 0 ) {
+      }
+      const linger hour{ 1, 3600 };
+      EXPECT_EQ( setsockopt( sender.get(), SOL_SOCKET, SO_LINGER, &hour, sizeof( hour ) ), 0 );
+   }
+   Descriptor sender;
+   Descriptor receiver;
+};
+
+TEST_F( ShowTest, DescriptorWhoseCloseWaitsHoldsNobodyUp ) {
+   const std::size_t before = openDescriptors();
+   // The only descriptor; beside a pipe; in a second record that nobody reads.
+   constexpr std::array<char const*, 3> words = { "", "error:", "ok" };
+   for( const std::size_t way : { 0u, 1u, 2u } ) {
+      Lingering lingering;
+      Pipe pipe;
+      const Descriptor client = connect();
+      if( way == 2 ) {
+         sendTogether( client.get(), { pipe.writeEnd.get() } );
+      }
+      sendTogether( client.get(), way == 1
+                                        ? std::vector{ pipe.writeEnd.get(), lingering.sender.get(),
+                                                       lingering.sender.get() }
+                                        : std::vector{ lingering.sender.get() } );
+      lingering.sender.reset();
+      pipe.writeEnd.reset();
+      const std::string answer = read( pipe );
+      EXPECT_EQ( answer.substr( 0, answer.find( ' ' ) ), words[ way ] );
+   }
+   // Nobody has accepted this one yet when the agent ends, nor read that one.
+   Lingering first;
+   Lingering second;
+   const Descriptor admitted = connect();
+   turnsUntil( [ & ] { return server_->sessions() == 1; } );
+   const Descriptor waiting = connect();
+   sendTogether( admitted.get(), { first.sender.get() } );
+   sendTogether( waiting.get(), { second.sender.get() } );
+   first.sender.reset();
+   second.sender.reset();
+   server_.reset();
+   first.receiver.reset();
+   second.receiver.reset();
+   // The two connections are open here; the socket that listened is gone.
+   EXPECT_EQ( openDescriptors(), before + 1 );
 }
 
 TEST_F( ShowTest, ReaderThatGoesEndsItsSessionAndNothingElse ) {
@@ -247,7 +328,7 @@ TEST_F( ShowTest, ReaderThatGoesEndsItsSessionAndNothingElse ) {
 TEST_F( ShowTest, ReaderThatNeverReadsIsGivenUp ) {
    fill();
    server_.reset();
-   server_ = std::make_shared<ShowServer>( root_, name_, 0.02 );
+   server_ = std::make_shared<ShowServer>( root_, name_, ShowServer::Patience{ 0.02, 0.02, 0.02 } );
    const std::size_t before = openDescriptors();
    for( const Kind kind : { Kind::text, Kind::json } ) {
       const Pipe pipe = ask( std::string( Show::kindText( kind ) ) + " all" );
@@ -297,6 +378,36 @@ TEST_F( ShowTest, ClientsBeyondTheBoundWaitForTheirTurn ) {
    EXPECT_EQ( server_->sessions(), 0u );
 }
 
+TEST_F( ShowTest, OldestMakesPlaceForWhoWaits ) {
+   fill();
+   server_.reset();
+   server_ = std::make_shared<ShowServer>( root_, name_, ShowServer::Patience{ 3600, 3600, 0.02 } );
+   std::vector<Pipe> slow;
+   for( char const* record : { "json all", "text all", "json all", "text all" } ) {
+      slow.push_back( ask( record ) );
+   }
+   turnsUntil( [ & ] { return server_->sessions() == ShowServer::sessionsMax; } );
+   // Nobody waits, so nobody is given up.
+   Quarn::doLeEventLoop( 0.05 );
+   EXPECT_EQ( server_->sessions(), ShowServer::sessionsMax );
+   const Pipe fifth = ask( "text" );
+   EXPECT_EQ( Show::parseAnswer( Kind::text, read( fifth ) ).state, State::whole );
+   EXPECT_GE( server_->givenUp(), 1u );
+   EXPECT_EQ( Show::parseAnswer( Kind::json, read( slow[ 0 ] ) ).state, State::brokenOff );
+}
+
+TEST_F( ShowTest, ClientThatDoesNotAskIsGivenUpLongBeforeAReader ) {
+   fill();
+   server_.reset();
+   server_ = std::make_shared<ShowServer>( root_, name_, ShowServer::Patience{ 0.02, 3600, 3600 } );
+   const Pipe reader = ask( "text all" );
+   const Descriptor silent = connect();
+   char byte;
+   turnsUntil( [ & ] { return recv( silent.get(), &byte, 1, MSG_DONTWAIT ) == 0; } );
+   EXPECT_EQ( server_->sessions(), 1u );
+   EXPECT_EQ( Show::parseAnswer( Kind::text, read( reader ) ).state, State::whole );
+}
+
 TEST_F( ShowTest, NameIsFreeAgainWhenItsAgentHasStopped ) {
    const auto second = std::make_shared<ShowServer>( root_, name_ );
    EXPECT_EQ( second->refusal(), "another agent has the name '" + name_ + "'" );
@@ -319,25 +430,33 @@ TEST_F( ShowTest, NameIsFreeAgainWhenItsAgentHasStopped ) {
    EXPECT_EQ( server_->givenUp(), 2u );
 }
 
-TEST_F( ShowTest, ForkedClientOfAnotherUserIsRefused ) {
+TEST_F( ShowTest, ForkedClientOfAnotherUserGetsNoWordAndNoPlace ) {
    if( geteuid() != 0 ) {
       GTEST_SKIP() << "only root can become another user";
    }
+   Lingering lingering;
    const pid_t child = fork();
    if( child == 0 ) {
-      bool refused = setuid( 65534 ) == 0;
+      bool silent = setuid( 65534 ) == 0;
+      std::vector<Descriptor> connections;
+      while( connections.size() < ShowServer::sessionsMax ) {
+         connections.push_back( connect() );
+      }
+      sendTogether( connect().get(), { lingering.sender.get() } );
+      lingering.sender.reset();
       const Pipe pipe = ask( "text" );
-      char buffer[ 256 ];
-      const ssize_t size = ::read( pipe.readEnd.get(), buffer, sizeof( buffer ) );
-      refused = refused && size > 0 &&
-                std::string_view( buffer, static_cast<std::size_t>( size ) ) ==
-                      "error: only the user of this agent and root may ask\n";
-      _exit( refused ? 0 : 1 );
+      char byte;
+      silent = silent && ::read( pipe.readEnd.get(), &byte, 1 ) == 0;
+      _exit( silent ? 0 : 1 );
    }
+   lingering.sender.reset();
    int status = -1;
-   turnsUntil( [ & ] { return waitpid( child, &status, WNOHANG ) == child; } );
+   turnsUntil( [ & ] {
+      EXPECT_EQ( server_->sessions(), 0u );
+      return waitpid( child, &status, WNOHANG ) == child;
+   } );
    EXPECT_EQ( status, 0 );
-   EXPECT_EQ( server_->refused(), 1u );
+   EXPECT_EQ( server_->refused(), ShowServer::sessionsMax + 2 );
 }
 
 TEST( ShowPipeTest, LineIsDroppedWhereItWouldWait ) {
@@ -351,6 +470,62 @@ TEST( ShowPipeTest, LineIsDroppedWhereItWouldWait ) {
    sigset_t pending;
    sigpending( &pending );
    EXPECT_FALSE( sigismember( &pending, SIGPIPE ) );
+}
+
+// Asks its agent for a long answer, then locks the pipe and ends the run.
+struct EndBehindALock : Quarn::TimerTask {
+   explicit EndBehindALock( std::string name )
+         : TimerTask( Quarn::schedulerRootQuarn(), Quarn::TaskPriority::low, "end" ),
+           name_( std::move( name ) ) {}
+   void taskExecute() override {
+      if( !asked_ ) {
+         asked_ = true;
+         fcntl( pipe.writeEnd.get(), F_SETPIPE_SZ, 4096 );
+         const Descriptor client = Show::connectTo( name_, std::chrono::seconds( 10 ) );
+         EXPECT_TRUE( Show::sendRecord( client.get(), "json all", pipe.writeEnd.get() ) );
+         return scheduleTaskDelay( 0.001 );
+      }
+      int waiting = 0;
+      EXPECT_EQ( ioctl( pipe.readEnd.get(), FIONREAD, &waiting ), 0 );
+      if( waiting == 0 ) {
+         return scheduleTaskDelay( 0.001 );
+      }
+      fchmod( pipe.writeEnd.get(), 0 );
+      // Root would open it nevertheless.
+      setfsuid( 65534 );
+      raise( SIGTERM );
+   }
+   Pipe pipe;
+
+ private:
+   std::string name_;
+   bool asked_ = false;
+};
+
+TEST( ShowAgentTest, AnswerThatCannotBeThrownAwayDoesNotKeepTheAgent ) {
+   const ProcFolder folder;
+   Options options;
+   options.seconds = 0.0;
+   options.name = "e" + std::to_string( getpid() );
+   auto agent = std::make_unique<Agent>( options, folder.path() );
+   std::vector<std::shared_ptr<Quarn::Task>> filling;
+   for( int i = 0; i < 300; ++i ) {
+      filling.push_back( std::make_shared<testing_support::FunctionTask>(
+            Quarn::schedulerRootQuarn(), Quarn::TaskPriority::low, "filling" ) );
+   }
+   const auto end = std::make_shared<EndBehindALock>( options.name );
+   end->scheduleTaskDelay( 0.001 );
+   const auto start = std::chrono::steady_clock::now();
+   agent->run();
+   EXPECT_GE( std::chrono::steady_clock::now() - start,
+              std::chrono::duration<double>( Agent::lastAnswerSeconds ) );
+   EXPECT_EQ( agent->stopReason(), "SIGTERM" );
+   EXPECT_EQ( agent->showServer()->sessions(), 1u );
+   setfsuid( geteuid() );
+   agent.reset();
+   // The rest of the document goes to nobody.
+   end->pipe.readEnd.reset();
+   Quarn::doLeEventLoop( 0.0 );
 }
 
 #ifdef SHOW_PROGRAM

@@ -8,11 +8,20 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
 #include <cstdlib>
+#include <functional>
 #include <future>
 #include <string>
+#include <thread>
+#include <vector>
 
+#include <fcntl.h>
 #include <poll.h>
+#include <pthread.h>
 #include <pty.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -69,7 +78,7 @@ std::string serve( int listening, const std::string& bytes ) {
    EXPECT_TRUE( waitFor( listening ) );
    const Show::Descriptor client = Show::acceptClient( listening );
    EXPECT_TRUE( client.valid() && waitFor( client.get() ) );
-   const Show::Received received = Show::receiveRecord( client.get() );
+   const Show::Received received = Show::peekRecord( client.get() );
    EXPECT_EQ( write( received.passed.get(), bytes.data(), bytes.size() ),
               static_cast<ssize_t>( bytes.size() ) );
    return received.record;
@@ -112,6 +121,81 @@ TEST( ClientThreadTest, ExitCodeSaysHowItWent ) {
    EXPECT_THAT( shell( program + "--help" ), ::testing::Pair( 0, HasSubstr( "--watch" ) ) );
    EXPECT_THAT( shell( program + "--version" ),
                 ::testing::Pair( 0, HasSubstr( "oruquarn-show " ) ) );
+}
+
+// Runs `body` while signals that interrupt system calls rain on the calling thread.
+void underSignals( const std::function<void()>& body ) {
+   struct sigaction action {};
+   action.sa_handler = []( int ) {};
+   struct sigaction before {};
+   sigaction( SIGWINCH, &action, &before );
+   std::atomic<bool> over = false;
+   std::thread rain( [ &over, target = pthread_self() ] {
+      while( !over ) {
+         pthread_kill( target, SIGWINCH );
+         poll( nullptr, 0, 1 );
+      }
+   } );
+   body();
+   over = true;
+   rain.join();
+   sigaction( SIGWINCH, &before, nullptr );
+}
+
+TEST( ClientThreadTest, SignalsNeitherEndNorProlongTheWaitForAnAgent ) {
+   const Show::Descriptor listening = Show::listenAs( uniqueName() );
+   std::vector<Show::Descriptor> waiting;
+   const auto connect = [ &waiting ]( std::chrono::milliseconds limit ) {
+      waiting.push_back( Show::connectTo( uniqueName(), limit ) );
+      return waiting.back().valid();
+   };
+   while( connect( std::chrono::milliseconds( 1 ) ) ) {
+   }
+   ASSERT_EQ( errno, EAGAIN );
+   underSignals( [ & ] {
+      EXPECT_FALSE( connect( std::chrono::milliseconds( 100 ) ) );
+      EXPECT_EQ( errno, EAGAIN );
+      // A connection that takes nothing more.
+      const Show::Descriptor accepted = Show::acceptClient( listening.get() );
+      const int client = waiting.front().get();
+      std::size_t sent = 0;
+      while( Show::sendRecord( client, "x", STDOUT_FILENO, std::chrono::milliseconds( 100 ) ) ) {
+         ++sent;
+      }
+      EXPECT_EQ( errno, EAGAIN );
+      EXPECT_GT( sent, 0u );
+   } );
+}
+
+TEST( ClientForkTest, OutputThatDoesNotBlockGetsAllOfAReport ) {
+   const std::string name = uniqueName();
+   const Show::Descriptor listening = Show::listenAs( name );
+   int ends[ 2 ];
+   ASSERT_EQ( pipe2( ends, O_CLOEXEC | O_NONBLOCK ), 0 );
+   const Show::Descriptor readEnd( ends[ 0 ] );
+   Show::Descriptor writeEnd( ends[ 1 ] );
+   fcntl( writeEnd.get(), F_SETPIPE_SZ, 4096 );
+   const pid_t client = fork();
+   if( client == 0 ) {
+      dup2( writeEnd.get(), STDOUT_FILENO );
+      execl( SHOW_PROGRAM, SHOW_PROGRAM, name.c_str(), nullptr );
+      _exit( 127 );
+   }
+   writeEnd.reset();
+   const std::string text( 50'000, 'x' );
+   serve( listening.get(), "ok 50000\n" + text );
+   std::string got;
+   char buffer[ 4096 ];
+   pollfd readable{ readEnd.get(), POLLIN, 0 };
+   ssize_t size = 0;
+   while( poll( &readable, 1, 20000 ) == 1 &&
+          ( size = read( readEnd.get(), buffer, sizeof( buffer ) ) ) > 0 ) {
+      got.append( buffer, static_cast<std::size_t>( size ) );
+   }
+   EXPECT_EQ( got, text );
+   int status = -1;
+   ASSERT_EQ( waitpid( client, &status, 0 ), client );
+   EXPECT_EQ( status, 0 );
 }
 
 TEST( ClientForkTest, WatchRedrawsInPlaceAndASignalBringsTheScreenBack ) {

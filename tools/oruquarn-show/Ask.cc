@@ -139,7 +139,8 @@ Outcome ask( const Options& options ) {
        fchown( writeEnd.get(), *user, static_cast<gid_t>( -1 ) ) != 0 ) {
       return systemFailure( "cannot give the pipe to the agent's user", errno );
    }
-   if( !Show::sendRecord( agent.get(), Show::formatRequest( options.request ), writeEnd.get() ) ) {
+   if( !Show::sendRecord( agent.get(), Show::formatRequest( options.request ), writeEnd.get(),
+                          leftUntil( end ) ) ) {
       return errno == EAGAIN ? noAnswer( options )
              : errno == EPIPE || errno == ECONNRESET
                    ? Outcome{ exitRefused, fmt::format( "{} hung up", options.agent ) }

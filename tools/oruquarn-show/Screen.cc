@@ -1,5 +1,7 @@
 #include "tools/oruquarn-show/Screen.h"
 
+#include "tools/oruquarn-show/Write.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
@@ -21,15 +23,13 @@ constexpr std::string_view clearToEnd = "\x1b[J";
 
 constexpr int deadly[] = { SIGINT, SIGTERM, SIGPIPE, SIGHUP, SIGQUIT };
 
-bool put( std::string_view text ) {
-   while( !text.empty() ) {
-      const ssize_t size = write( STDOUT_FILENO, text.data(), text.size() );
-      if( size < 0 && errno != EINTR ) {
-         return false;
-      }
+// Does not wait for a terminal that was made non-blocking: a signal must not hang there.
+void put( std::string_view text ) {
+   ssize_t size = 0;
+   while( !text.empty() && ( size >= 0 || errno == EINTR ) ) {
+      size = write( STDOUT_FILENO, text.data(), text.size() );
       text.remove_prefix( static_cast<std::size_t>( std::max<ssize_t>( size, 0 ) ) );
    }
-   return true;
 }
 
 // The handlers call nothing that a signal handler may not.
@@ -76,11 +76,11 @@ Screen::Screen() {
    }
    handle( SIGTSTP, stopForAWhile, 0 );
    handle( SIGWINCH, windowChanged, 0 );
-   put( enter );
+   writeAll( enter );
 }
 
 Screen::~Screen() {
-   put( leave );
+   writeAll( leave );
    for( const int signal : deadly ) {
       handle( signal, SIG_DFL, 0 );
    }
@@ -100,7 +100,7 @@ bool Screen::draw( std::string_view title, std::string_view text ) const {
       text.remove_prefix( std::min( end + 1, text.size() ) );
    }
    frame += clearToEnd;
-   return put( frame );
+   return writeAll( frame );
 }
 
 } // namespace OruQuarnShow

@@ -5,6 +5,7 @@
 #include "tools/oruquarn-show/Options.h"
 #include "tools/oruquarn-show/Paint.h"
 #include "tools/oruquarn-show/Screen.h"
+#include "tools/oruquarn-show/Write.h"
 
 #include "tools/show/Descriptor.h"
 
@@ -13,7 +14,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
@@ -63,11 +63,6 @@ ExitCode cannotWrite() {
                     fmt::format( "cannot write to standard output: {}", strerror( errno ) ) );
 }
 
-bool writeOut( std::string_view text ) {
-   return std::fwrite( text.data(), 1, text.size(), stdout ) == text.size() &&
-          std::fflush( stdout ) == 0;
-}
-
 // A report as it is shown. JSON is for programs and stays as it came.
 std::string shown( const Options& options, const Output& output, std::string text ) {
    if( options.request.kind == Show::Kind::json || !output.terminal ) {
@@ -82,7 +77,7 @@ ExitCode showOnce( const Options& options, const Output& output ) {
    if( outcome.code != exitAnswered ) {
       return complain( outcome.code, outcome.text );
    }
-   return writeOut( shown( options, output, std::move( outcome.text ) ) ) ? exitAnswered
+   return writeAll( shown( options, output, std::move( outcome.text ) ) ) ? exitAnswered
                                                                           : cannotWrite();
 }
 
@@ -106,7 +101,7 @@ ExitCode watchPlain( const Options& options, const Output& output ) {
       if( code != exitAnswered ) {
          return code;
       }
-      if( !writeOut( "\n" ) ) {
+      if( !writeAll( "\n" ) ) {
          return cannotWrite();
       }
       std::this_thread::sleep_until( next );
@@ -150,7 +145,7 @@ int runProgram( int argc, char** argv ) {
    std::ostringstream text;
    const auto parsed = optionsFromCommandLine( argc, argv, text, std::cerr );
    if( auto const* code = std::get_if<ExitCode>( &parsed ) ) {
-      return *code != exitAnswered || writeOut( text.view() ) ? *code : cannotWrite();
+      return *code != exitAnswered || writeAll( text.view() ) ? *code : cannotWrite();
    }
    const Options& options = std::get<Options>( parsed );
    const Output output = outputOfProcess();

@@ -8,7 +8,8 @@
 // order. REGEX is the rest of the record: one byte at least, any but NUL, and blanks are its own.
 // KIND is "text", "json" or "history".
 //
-// The agent answers into the pipe and closes it. An answer is one of
+// The agent answers into the pipe and closes it; to a client of another user than its own and root
+// it says nothing. An answer is one of
 //
 //     ok SIZE\n     and SIZE bytes of text; for "text" and "history"
 //     {...}         one JSON document; for "json"

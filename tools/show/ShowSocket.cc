@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <cstddef>
 #include <cstring>
 
@@ -16,8 +17,8 @@ namespace {
 
 // Clients beyond those that the agent serves wait here.
 constexpr int backlog = 16;
-// How many descriptors of a record are received in order to be closed; the kernel closes the rest.
-constexpr std::size_t passedMax = 8;
+
+using Clock = std::chrono::steady_clock;
 
 struct Address {
    sockaddr_un address{};
@@ -50,23 +51,26 @@ timeval timevalOf( std::chrono::milliseconds time ) {
    return value;
 }
 
-void takeDescriptors( msghdr& message, Received& received ) {
-   for( cmsghdr* part = CMSG_FIRSTHDR( &message ); part; part = CMSG_NXTHDR( &message, part ) ) {
-      if( part->cmsg_level != SOL_SOCKET || part->cmsg_type != SCM_RIGHTS ) {
-         continue;
-      }
-      const std::size_t count = ( part->cmsg_len - CMSG_LEN( 0 ) ) / sizeof( int );
-      for( std::size_t i = 0; i < count; ++i ) {
-         int fd = -1;
-         std::memcpy( &fd, CMSG_DATA( part ) + i * sizeof( int ), sizeof( int ) );
-         Descriptor owned( fd );
-         if( received.passed.valid() ) {
-            received.surplus = true;
-         } else {
-            received.passed = std::move( owned );
-         }
-      }
+// Says how long the next call may wait. False, with errno as that call would set it, when there is
+// no time left.
+bool waitUntil( int socket, Clock::time_point end ) {
+   const auto left = std::chrono::ceil<std::chrono::milliseconds>( end - Clock::now() );
+   if( left.count() <= 0 ) {
+      errno = EAGAIN;
+      return false;
    }
+   const timeval wait = timevalOf( left );
+   return setsockopt( socket, SOL_SOCKET, SO_SNDTIMEO, &wait, sizeof( wait ) ) == 0;
+}
+
+Descriptor passedIn( msghdr& message ) {
+   cmsghdr const* const part = CMSG_FIRSTHDR( &message );
+   int fd = -1;
+   if( part && part->cmsg_level == SOL_SOCKET && part->cmsg_type == SCM_RIGHTS &&
+       part->cmsg_len >= CMSG_LEN( sizeof( int ) ) ) {
+      std::memcpy( &fd, CMSG_DATA( part ), sizeof( int ) );
+   }
+   return Descriptor( fd );
 }
 
 } // namespace
@@ -86,13 +90,14 @@ Descriptor acceptClient( int listening ) {
 }
 
 Descriptor connectTo( std::string_view agent, std::chrono::milliseconds limit ) {
+   const Clock::time_point end = Clock::now() + limit;
    Descriptor client = makeSocket( 0 );
    const Address address = addressOf( agent );
-   const timeval wait = timevalOf( limit );
-   if( client.valid() &&
-       ( setsockopt( client.get(), SOL_SOCKET, SO_SNDTIMEO, &wait, sizeof( wait ) ) != 0 ||
-         connect( client.get(), address.plain(), address.size ) != 0 ) ) {
-      client.reset();
+   while( client.valid() && ( !waitUntil( client.get(), end ) ||
+                              connect( client.get(), address.plain(), address.size ) != 0 ) ) {
+      if( errno != EINTR ) {
+         client.reset();
+      }
    }
    return client;
 }
@@ -106,7 +111,8 @@ std::optional<uid_t> peerUser( int socket ) {
    return peer.uid;
 }
 
-bool sendRecord( int socket, std::string_view record, int fd ) {
+bool sendRecord( int socket, std::string_view record, int fd, std::chrono::milliseconds limit ) {
+   const Clock::time_point end = Clock::now() + limit;
    std::string bytes( record );
    iovec part{ bytes.data(), bytes.size() };
    alignas( cmsghdr ) std::array<char, CMSG_SPACE( sizeof( int ) )> control{};
@@ -120,28 +126,33 @@ bool sendRecord( int socket, std::string_view record, int fd ) {
    header->cmsg_type = SCM_RIGHTS;
    header->cmsg_len = CMSG_LEN( sizeof( int ) );
    std::memcpy( CMSG_DATA( header ), &fd, sizeof( int ) );
-   return sendmsg( socket, &message, MSG_NOSIGNAL ) == static_cast<ssize_t>( bytes.size() );
+   ssize_t sent = -1;
+   do {
+      sent = waitUntil( socket, end ) ? sendmsg( socket, &message, MSG_NOSIGNAL ) : -1;
+   } while( sent < 0 && errno == EINTR );
+   return sent == static_cast<ssize_t>( bytes.size() );
 }
 
-Received receiveRecord( int socket ) {
+Received peekRecord( int socket ) {
    std::array<char, requestSizeMax> bytes;
    iovec part{ bytes.data(), bytes.size() };
-   alignas( cmsghdr ) std::array<char, CMSG_SPACE( passedMax * sizeof( int ) )> control;
+   alignas( cmsghdr ) std::array<char, CMSG_SPACE( sizeof( int ) )> control;
    msghdr message{};
    message.msg_iov = &part;
    message.msg_iovlen = 1;
    message.msg_control = control.data();
-   message.msg_controllen = control.size();
+   // There would be room for two with the padding.
+   message.msg_controllen = CMSG_LEN( sizeof( int ) );
    Received received;
-   const ssize_t size = recvmsg( socket, &message, MSG_CMSG_CLOEXEC | MSG_DONTWAIT );
+   const ssize_t size = recvmsg( socket, &message, MSG_PEEK | MSG_CMSG_CLOEXEC | MSG_DONTWAIT );
    if( size < 0 ) {
       if( errno != EAGAIN && errno != EINTR ) {
          received.state = Received::State::ended;
       }
       return received;
    }
-   takeDescriptors( message, received );
-   received.surplus = received.surplus || ( message.msg_flags & MSG_CTRUNC ) != 0;
+   received.passed = passedIn( message );
+   received.surplus = ( message.msg_flags & MSG_CTRUNC ) != 0;
    received.tooLong = ( message.msg_flags & MSG_TRUNC ) != 0;
    received.record.assign( bytes.data(), static_cast<std::size_t>( size ) );
    received.state =
