@@ -25,13 +25,15 @@ constexpr std::int64_t criticalDrains = 2;
 // Runs so many times, one run a turn.
 class AgainTask final : public Quarn::Task {
  public:
-   AgainTask()
-         : Task( Quarn::schedulerRootQuarn(), Quarn::TaskPriority::normal, "BenchAgainTask" ) {}
+   explicit AgainTask(
+         std::shared_ptr<Quarn::TaskSchedulerRoot> root = Quarn::schedulerRootQuarn() )
+         : Task( std::move( root ), Quarn::TaskPriority::normal, "BenchAgainTask" ) {}
 
+   // On the loop that the task's root is on.
    Time run( std::int64_t runs ) {
       left_ = runs;
       scheduleTask();
-      return timed( [] { Quarn::doLeEventLoop(); } );
+      return timed( [] { Quarn::Platform::doEventLoop(); } );
    }
 
  private:
@@ -70,6 +72,34 @@ class TurnSides final : public Sides {
    bool singleThread_;
    std::shared_ptr<AgainTask> task_ = std::make_shared<AgainTask>();
    BareTurn bare_;
+};
+
+// The process is on the framework's loop while it lives.
+class FrameworkMode {
+ public:
+   FrameworkMode() { Quarn::hasThreadLocalSingletonsIs( false ); }
+   ~FrameworkMode() { Quarn::hasThreadLocalSingletonsIs( true ); }
+   FrameworkMode( const FrameworkMode& ) = delete;
+   FrameworkMode& operator=( const FrameworkMode& ) = delete;
+};
+
+class FrameworkTurnSides final : public Sides {
+ public:
+   FrameworkTurnSides() {
+      const FrameworkMode mode;
+      framework_ = std::make_shared<AgainTask>( Quarn::schedulerRootQuarnNonShared( "BenchRoot" ) );
+   }
+
+   Time ours() override {
+      const FrameworkMode mode;
+      return framework_->run( turns );
+   }
+   // Ours as well, on libevent.
+   Time floor() override { return libevent_->run( turns ); }
+
+ private:
+   std::shared_ptr<AgainTask> framework_;
+   std::shared_ptr<AgainTask> libevent_ = std::make_shared<AgainTask>();
 };
 
 // -------------------------------------------------------------------------------------- many tasks
@@ -251,6 +281,8 @@ void taskFigures( std::vector<Figure>& figures ) {
                         [] { return std::make_unique<CriticalSides>(); }, manySlices } );
    figures.push_back( { "turn_single_thread", std::nullopt, turns, turns,
                         [] { return std::make_unique<TurnSides>( true ); }, manySlices } );
+   figures.push_back( { "turn_framework", std::nullopt, turns, turns,
+                        [] { return std::make_unique<FrameworkTurnSides>(); }, manySlices } );
    figures.push_back( { "schedule_pick_run", std::nullopt, turns, turns,
                         [] { return std::make_unique<PickRunSides>(); }, manySlices } );
 }
