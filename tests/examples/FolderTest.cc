@@ -118,7 +118,7 @@ TEST( FolderEventsTest, AnyBytesGiveNamesThatLieWithinThem ) {
 class FolderWatchTest : public ::testing::Test {
  protected:
    // The descriptor is readable the moment something has happened.
-   void runLoop() const { Quarn::doLeEventLoop( 0.0 ); }
+   void runLoop() const { Quarn::Platform::doEventLoop( 0.0 ); }
 
    ProcFolder folder_;
    EventLog log_;
@@ -154,7 +154,7 @@ TEST_F( FolderWatchTest, KeepsTheNewestEventsOnly ) {
 
 TEST_F( FolderWatchTest, FolderThatGoesEndsTheWatchAndLeavesTheLoopIdle ) {
    std::filesystem::remove( folder_.path() );
-   Quarn::doLeEventLoop();
+   Quarn::Platform::doEventLoop();
    EXPECT_TRUE( watch_->ended() );
    EXPECT_EQ( watch_->taskWatchFd(), -1 );
 }

@@ -303,7 +303,7 @@ TEST( LinkWatchTest, KnowsTheLinksOfThisHostOrSaysWhyNot ) {
    const auto watch = std::make_shared<LinkWatch>( Quarn::schedulerRootQuarn(), &log );
    if( watch->refusal().empty() ) {
       while( watch->links().links().empty() ) {
-         Quarn::doLeEventLoop( 0.0 );
+         Quarn::Platform::doEventLoop( 0.0 );
       }
       for( const auto& [ index, link ] : watch->links().links() ) {
          char name[ IF_NAMESIZE ];
@@ -315,7 +315,7 @@ TEST( LinkWatchTest, KnowsTheLinksOfThisHostOrSaysWhyNot ) {
    }
    watch->stop();
    // Nothing is pending any more.
-   Quarn::doLeEventLoop();
+   Quarn::Platform::doEventLoop();
    EXPECT_THAT( log.events(), IsEmpty() );
 }
 

@@ -102,7 +102,8 @@ TEST( OptionsTest, UnknownAndIncompleteArgumentsAreErrors ) {
 }
 
 // Under a name that no other agent has, whose complaint would be one line more.
-const std::string program = std::string( "'" HOST_AGENT_PROGRAM "' --name t$$ " );
+const std::string program =
+      "'" HOST_AGENT_PROGRAM "' --name t$$ ${ORUQUARN_TEST_FRAMEWORK:+--framework} ";
 
 TEST( ProgramTest, ShortRunReportsAndEndsWithZero ) {
    const auto [ code, text ] = shell( program + "--seconds 0.05 --interval 0.01 --top 3" );

@@ -46,7 +46,7 @@ TEST_F( ProcessWalkTest, GoesOnWhereItYielded ) {
    walk->taskForceYieldInTestIs( true );
    ASSERT_TRUE( walk->walkStart() );
    EXPECT_FALSE( walk->walkStart() );
-   Quarn::doLeEventLoop();
+   Quarn::Platform::doEventLoop();
    ASSERT_EQ( tables_.size(), 1u );
    EXPECT_THAT( pids(), ElementsAre( 1, 4, 17, 30, 256 ) );
    // One for each process and one that finds the end.
@@ -68,7 +68,7 @@ TEST_F( ProcessWalkTest, GoesOnInTheNextRunOfItsGroup ) {
    // Has the group yield after each of the walk's runs, too.
    walk->taskForceYieldInTestIs( true );
    walk->walkStart();
-   Quarn::doLeEventLoop();
+   Quarn::Platform::doEventLoop();
    ASSERT_EQ( tables_.size(), 1u );
    EXPECT_THAT( pids(), ElementsAre( 1, 2, 3 ) );
    EXPECT_EQ( walk->taskRunCount(), 4u );
@@ -103,7 +103,7 @@ TEST_F( ProcessWalkTest, CountsWhatItCannotReadAndGoesOn ) {
    folder_.processIs( 7, 1 );
    const auto walk = walkOf( folder_.path() );
    walk->walkStart();
-   Quarn::doLeEventLoop();
+   Quarn::Platform::doEventLoop();
    EXPECT_THAT( pids(), ElementsAre( 1, 7 ) );
    EXPECT_EQ( walk->processesVanished(), 1u );
    EXPECT_EQ( walk->processesUnreadable(), 4u );
@@ -115,12 +115,12 @@ TEST_F( ProcessWalkTest, NextWalkReadsTheFolderAnewAndCountsFromTheLast ) {
    folder_.processIs( 2, 10 );
    const auto walk = walkOf( folder_.path() );
    walk->walkStart();
-   Quarn::doLeEventLoop();
+   Quarn::Platform::doEventLoop();
    folder_.processDel( 1 );
    folder_.processIs( 2, 14 );
    folder_.processIs( 3, 2 );
    ASSERT_TRUE( walk->walkStart() );
-   Quarn::doLeEventLoop();
+   Quarn::Platform::doEventLoop();
    EXPECT_THAT( pids(), ElementsAre( 2, 3 ) );
    EXPECT_EQ( tables_.back()->find( 2 )->cpuTicksSincePrevious, 4u );
    EXPECT_EQ( tables_.back()->find( 3 )->cpuTicksSincePrevious, 2u );
@@ -136,12 +136,12 @@ TEST_F( ProcessWalkTest, StoppedWalkPublishesNothingAndLeavesTheLoopIdle ) {
    walk->taskRunFromTest();
    walk->walkStop();
    walk->walkStop();
-   Quarn::doLeEventLoop();
+   Quarn::Platform::doEventLoop();
    EXPECT_TRUE( tables_.empty() );
    EXPECT_EQ( walk->walksStopped(), 1u );
    // The next one begins at the front.
    walk->walkStart();
-   Quarn::doLeEventLoop();
+   Quarn::Platform::doEventLoop();
    EXPECT_THAT( pids(), ElementsAre( 1, 2 ) );
 }
 
@@ -152,7 +152,7 @@ TEST_F( ProcessWalkTest, FolderThatCannotBeOpenedIsAnError ) {
 TEST_F( ProcessWalkTest, FindsItselfOnThisHost ) {
    const auto walk = walkOf( "/proc" );
    walk->walkStart();
-   Quarn::doLeEventLoop();
+   Quarn::Platform::doEventLoop();
    ASSERT_EQ( tables_.size(), 1u );
    ProcessRecord const* self = tables_.back()->find( getpid() );
    ASSERT_NE( self, nullptr );

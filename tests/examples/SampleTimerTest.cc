@@ -19,7 +19,7 @@ TEST( SampleTimerTest, IntervalsAreShortenedByTheJitterAtMost ) {
          Quarn::schedulerRootQuarn(), Quarn::TaskPriority::normal, "timer", Rhythm{ 100.0, 20 },
          [ &times ] { times.push_back( Quarn::time() ); } );
    timer->start();
-   Quarn::doLeEventLoop( 10000.0 );
+   Quarn::Platform::doEventLoop( 10000.0 );
    timer->stop();
    ASSERT_GE( times.size(), 100u );
    ASSERT_LE( times.size(), 126u );
@@ -44,7 +44,7 @@ TEST( SampleTimerTest, MayBeStoppedByItsOwnSample ) {
                                              }
                                           } );
    timer->start();
-   Quarn::doLeEventLoop( 100.0 );
+   Quarn::Platform::doEventLoop( 100.0 );
    EXPECT_EQ( samples, 3 );
    EXPECT_FALSE( timer->taskScheduled() );
    timer.reset();

@@ -80,14 +80,14 @@ class ShowTest : public ::testing::Test {
    // Some turns of the loop, for what has happened already.
    static void turns( int count = 20 ) {
       for( ; count > 0; --count ) {
-         Quarn::doLeEventLoop( 0.0 );
+         Quarn::Platform::doEventLoop( 0.0 );
       }
    }
 
    template<typename Condition>
    static void turnsUntil( Condition condition ) {
       while( !condition() ) {
-         Quarn::doLeEventLoop( 0.001 );
+         Quarn::Platform::doEventLoop( 0.001 );
       }
    }
 
@@ -136,7 +136,7 @@ class ShowTest : public ::testing::Test {
          if( size > 0 ) {
             bytes.append( buffer.data(), static_cast<std::size_t>( size ) );
          } else {
-            Quarn::doLeEventLoop( 0.0 );
+            Quarn::Platform::doEventLoop( 0.0 );
          }
       }
    }
@@ -388,7 +388,7 @@ TEST_F( ShowTest, OldestMakesPlaceForWhoWaits ) {
    }
    turnsUntil( [ & ] { return server_->sessions() == ShowServer::sessionsMax; } );
    // Nobody waits, so nobody is given up.
-   Quarn::doLeEventLoop( 0.05 );
+   Quarn::Platform::doEventLoop( 0.05 );
    EXPECT_EQ( server_->sessions(), ShowServer::sessionsMax );
    const Pipe fifth = ask( "text" );
    EXPECT_EQ( Show::parseAnswer( Kind::text, read( fifth ) ).state, State::whole );
@@ -425,7 +425,7 @@ TEST_F( ShowTest, NameIsFreeAgainWhenItsAgentHasStopped ) {
    // The loop ends by itself, although nobody reads. The last pass of the timers disarms the wheel.
    const auto last = std::make_shared<Beat>();
    last->scheduleTaskDelay( -1.0 );
-   Quarn::doLeEventLoop();
+   Quarn::Platform::doEventLoop();
    EXPECT_EQ( server_->sessions(), 0u );
    EXPECT_EQ( server_->givenUp(), 2u );
 }
@@ -525,7 +525,7 @@ TEST( ShowAgentTest, AnswerThatCannotBeThrownAwayDoesNotKeepTheAgent ) {
    agent.reset();
    // The rest of the document goes to nobody.
    end->pipe.readEnd.reset();
-   Quarn::doLeEventLoop( 0.0 );
+   Quarn::Platform::doEventLoop( 0.0 );
 }
 
 #ifdef SHOW_PROGRAM
@@ -533,7 +533,8 @@ TEST( ShowAgentTest, AnswerThatCannotBeThrownAwayDoesNotKeepTheAgent ) {
 // Runs the agent while the command does, with both in variables of the shell.
 std::pair<int, std::string> besideAgent( const std::string& command ) {
    return shell( "name=p$$; show='" SHOW_PROGRAM "'; agent='" HOST_AGENT_PROGRAM "'; "
-                 "\"$agent\" --seconds 0 --name $name >/dev/null & "
+                 "\"$agent\" --seconds 0 --name $name ${ORUQUARN_TEST_FRAMEWORK:+--framework} "
+                 ">/dev/null & "
                  "\"$show\" $name --wait 20 --all >/dev/null; { " +
                  command + " ; }; code=$?; kill $!; wait $!; exit $code" );
 }

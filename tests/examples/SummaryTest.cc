@@ -140,7 +140,7 @@ TEST( TopListTest, NewerTableTakesThePlaceOfOneThatWaits ) {
    const auto first = tableOf( 0s, { processOf( 1, 0, 1 ) } );
    top->tableIs( first );
    top->tableIs( tableOf( 4s, { processOf( 2, 0, 1 ) }, first ) );
-   Quarn::doLeEventLoop();
+   Quarn::Platform::doEventLoop();
    EXPECT_EQ( pidsOf( top->processes() ), ( std::vector<pid_t>{ 2 } ) );
    EXPECT_EQ( top->interval(), 4s );
    EXPECT_EQ( top->taskRunCount(), 1u );
