@@ -260,6 +260,7 @@ double ActivityManager::virtualTimeOffset() {
 }
 
 void ActivityManager::executionTimeIs( double seconds ) {
+   _checkThread();
    if( std::isnan( seconds ) ) {
       Quarn::AssertException::throwException( "execution time is not a number" );
    }

@@ -61,7 +61,9 @@ void FileDescriptor::notifyOnReadableIs( bool on ) {
 void FileDescriptor::notifyOnWritableIs( bool on ) {
    if( on != notifyOnWritable_ ) {
       notifyOnWritable_ = on;
-      notOpen_ = false;
+      if( on ) {
+         notOpen_ = false;
+      }
       watches_.update( *this );
    }
 }

@@ -1,5 +1,7 @@
 #include "NotifieeList.h"
 
+#include "Held.h"
+
 namespace Oru {
 
 // Keeps places where they are for as long as one walk goes on, however it ends.
@@ -36,6 +38,8 @@ void NotifieeList::walk( AttributeId id, void const* value ) {
    for( std::size_t i = 0; i < end; ++i ) {
       Notifiee* const notifiee = places_[ i ];
       if( notifiee && notifiee->hasNotificationActive() ) {
+         // It may be dropped by its own call.
+         Ptr<Notifiee> const hold = held( *notifiee );
          notifiee->onAttribute( id, value );
       }
    }

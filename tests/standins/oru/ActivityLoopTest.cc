@@ -230,6 +230,7 @@ TEST_F( ActivityLoopTest, LockOfTheCallerIsKeptDuringTheWait ) {
 
 TEST_F( ActivityLoopTest, RunOnASecondThreadIsFatal ) {
    auto const refused = [ & ] {
+      EXPECT_FATAL( manager->executionTimeIs( 1 ), "activity loop runs on another thread already" );
       EXPECT_FATAL( manager->doRun(), "activity loop runs on another thread already" );
    };
    Pipe p;

@@ -129,10 +129,11 @@ TEST_F( FileDescriptorTest, NumberThatIsNotOpenIsTracedOnceAndLeftAlone ) {
       EXPECT_EQ( trace.count( "is not open" ), 1u );
    }
    EXPECT_EQ( a.object->descriptor(), number );
-   a.object->notifyOnWritableIs( false );
    ASSERT_EQ( dup2( open.in, number ), number );
+   a.object->notifyOnWritableIs( false );
+   EXPECT_THAT( turn(), ElementsAre( "br5" ) ) << "somebody else's number by now";
    a.object->descriptorIs( number );
-   EXPECT_THAT( turn(), ElementsAre( "br5", "Linkr1" ) );
+   EXPECT_THAT( turn(), ElementsAre( "br6", "Linkr1" ) );
    close( number );
 }
 

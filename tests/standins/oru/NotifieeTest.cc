@@ -198,7 +198,7 @@ TEST_F( NotifieeTest, NotifierDroppedInTheCallbackLivesToTheEndOfTheWalk ) {
       b = nullptr;
    } );
    b = watch( "b" );
-   EXPECT_THAT( changed(), ElementsAre( "a", "~a", "~b", "source destroyed" ) );
+   EXPECT_THAT( changed(), ElementsAre( "a", "~b", "~a", "source destroyed" ) );
 }
 
 TEST_F( NotifieeTest, NestedWalksSeeTheSameList ) {

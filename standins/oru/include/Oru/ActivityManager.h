@@ -40,7 +40,7 @@ class ORU_API ActivityManager : public PtrInterface {
    // How many seconds the next doRun() lasts; +infinity, as at the start, for no limit. doRun()
    // takes it away when it begins, so each value counts for one run. Negative counts as 0.
    //
-   // Errors: Quarn::AssertException for NaN.
+   // Errors: Quarn::AssertException for NaN, and while another thread runs the loop.
    void executionTimeIs( double seconds );
    double executionTime() const { return executionTime_; }
 
