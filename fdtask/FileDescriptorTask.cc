@@ -220,7 +220,13 @@ void FileDescriptorTask::taskWatchFdIs( int fd ) {
    if( fd == fdControl_->getFd() ) {
       return;
    }
-   _watchFd( [ & ] { fdControl_->setFd( fd ); } );
+   _watchFd( [ & ] {
+      fdControl_->setFd( fd );
+      if( watchWritable_ ) {
+         // The control may have spent its watch on a notification whose run was just dropped.
+         fdControl_->setWrites( true );
+      }
+   } );
 }
 
 int FileDescriptorTask::taskWatchFd() const { return fdControl_->getFd(); }

@@ -571,6 +571,23 @@ TEST_F( FileDescriptorTaskTest, DescriptorThatCouldNotBeWatchedMayBeTriedAgain )
    close( number );
 }
 
+// The control has spent its watch on the notification whose run is dropped.
+TEST_F( FileDescriptorTaskTest, WatchForWritesMovesToTheNewDescriptor ) {
+   const auto t = io( pair.near() );
+   t->taskWatchWritableIs( true );
+   const Pair other;
+   const auto urgent = makeTask( root, TaskPriority::high, "urgent", [ & ]( auto& self ) {
+      if( subTask( "t:write" )->taskScheduled() ) {
+         t->taskWatchFdIs( other.near() );
+      } else {
+         self.scheduleTask();
+      }
+   } );
+   urgent->scheduleTask();
+   turns( 20 );
+   EXPECT_EQ( t->writes, 1u );
+}
+
 TEST_F( FileDescriptorTaskTest, HookThatThrowsDoesNotKeepTheOldDescriptor ) {
    class Moody : public Io {
     public:
