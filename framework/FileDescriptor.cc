@@ -1,5 +1,7 @@
 #include <OruQuarn/FileDescriptor.h>
 
+#include <Quarn/base/Exception.h>
+
 #include "debug/Handlers.h"
 
 #include <cxxabi.h>
@@ -49,10 +51,10 @@ void FileDescriptor::setFd( int fd ) {
    descriptor_->nonBlockingIs( true );
    try {
       descriptor_->descriptorIs( fd );
-   } catch( ... ) {
+   } catch( const Quarn::AssertException& e ) {
       // The watch on an earlier descriptor goes with the failure, as in the libevent flavour.
       clearEvents();
-      throw;
+      QUARN_FAIL( "FileDescriptor", "{}", e.what() );
    }
    notifiee_->fd_ = fd;
 }

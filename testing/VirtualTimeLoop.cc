@@ -66,13 +66,14 @@ VirtualTimeLoop::Base::~Base() {
 VirtualTimeLoop::Switches::Switches()
       : fastForwardBefore( leFastForward() ),
         virtualTimeBefore( Oru::ActivityManager::instance()->virtualTime() ) {
-   if( !hasThreadLocalSingletons() ) {
-      Platform::setFastForward( true );
-      return;
-   }
-   Oru::ActivityManagerConfig::virtualTimeIs( true );
+   const bool onLibevent = hasThreadLocalSingletons();
    try {
-      setLeFastForward( true );
+      if( onLibevent ) {
+         Oru::ActivityManagerConfig::virtualTimeIs( true );
+         setLeFastForward( true );
+      } else {
+         Platform::setFastForward( true );
+      }
    } catch( ... ) {
       // What a notifier throws; no destructor runs for this object.
       fastForward.store( fastForwardBefore, std::memory_order_relaxed );

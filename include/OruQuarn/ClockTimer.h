@@ -1,8 +1,5 @@
-// The timer control on the framework's clock.
-//
-// What differs from the libevent flavour: the clock is read at each call and counts in exact
-// seconds, so that a timer is never early; due timers are served by time, whatever priority they
-// were asked for with.
+// The timer control on the framework's clock. What differs from the libevent flavour is told in
+// `platform/Controls.h`; due timers are served by time, whatever priority they were asked for with.
 
 #pragma once
 

@@ -1,12 +1,5 @@
-// The descriptor control on a framework descriptor.
-//
-// What differs from the libevent flavour:
-//
-//                                           libevent              framework
-//     clearEvents()                         keeps the number      forgets it: getFd() is -1
-//     setFd() after a write notification    watches writes again  does not: setWrites( true ) does
-//     regular files                         never readable        always readable
-//     a descriptor closed while watched     not heard, silently   not heard, traced once
+// The descriptor control on a framework descriptor. What differs from the libevent flavour is told
+// in `platform/Controls.h`.
 
 #pragma once
 
@@ -26,7 +19,7 @@ namespace OruQuarn {
 //
 // Ownership: of its framework objects; the handler is held without ownership and outlives it.
 // Thread:    that of the framework's loop.
-class ORUQUARN_API FileDescriptor final : public Quarn::Platform::FdControl {
+class ORUQUARN_API FileDescriptor : public Quarn::Platform::FdControl {
  public:
    class Notifiee;
 

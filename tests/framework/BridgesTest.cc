@@ -64,6 +64,8 @@ TEST( SystemStatusSmTest, RelaysEachChangeOfItsFlagOnceAndNoOther ) {
    auto sm = OruQuarn::SystemStatusSmIs( status );
    EXPECT_TRUE( sm->hasNotificationActive() );
    EXPECT_EQ( sm->fwkType(), Oru::oruFwkType( "SystemStatusSm" ) );
+   EXPECT_TRUE( Oru::oruModule( "SystemStatusSm" ) );
+   EXPECT_TRUE( Oru::oruModule( "BacktraceTracker" ) );
    {
       const ModeChanges hook;
       status->initializedIs( true );
@@ -160,10 +162,34 @@ TEST( IntrospectionMapTest, FirstFunctionOfANameStays ) {
    EXPECT_FATAL( IntrospectionMap::insert( "null", nullptr ), "render function of null is null" );
    EXPECT_EQ( IntrospectionMap::lookup( "null" ), nullptr );
 
-   // The activity lock guards it: whoever has that may use it, others wait.
+   // Whoever has the activity lock may use it.
    const Quarn::Platform::Loco::Guard guard;
    IntrospectionMap::insert( "nested", []( void const* ) { return String(); } );
    EXPECT_NE( IntrospectionMap::lookup( "nested" ), nullptr );
+}
+
+TEST( IntrospectionMapTest, ConcurrentInsertsLoseNothing ) {
+   using Quarn::IntrospectionMap;
+   std::vector<std::thread> threads;
+   const auto name = []( int thread, int n ) {
+      return Quarn::String( std::to_string( thread ) + "-" + std::to_string( n ) );
+   };
+   constexpr int each = 1000;
+   for( int thread = 0; thread < 2; ++thread ) {
+      threads.emplace_back( [ &name, thread ] {
+         for( int n = 0; n < each; ++n ) {
+            IntrospectionMap::insert( name( thread, n ),
+                                      []( void const* ) { return Quarn::String(); } );
+         }
+      } );
+   }
+   for( std::thread& thread : threads ) {
+      thread.join();
+   }
+   for( int n = 0; n < each; ++n ) {
+      ASSERT_TRUE( IntrospectionMap::lookup( name( 0, n ) ) );
+      ASSERT_TRUE( IntrospectionMap::lookup( name( 1, n ) ) );
+   }
 }
 
 } // namespace

@@ -276,6 +276,40 @@ TEST_F( FrameworkControlTest, CountThatWasSeenIsNotReportedAgain ) {
    EXPECT_THAT( handler.taken(), ElementsAre() );
    turn();
    EXPECT_THAT( handler.taken(), ElementsAre( "read" ) );
+
+   OruQuarn::FileDescriptor writer( &handler );
+   writer.setWrites( true );
+   writer.setFd( pipe_[ 1 ] );
+   control.delFd();
+   turn();
+   EXPECT_THAT( handler.taken(), ElementsAre( "write" ) );
+   notifieeOf( writer )->onAttribute( Oru::FileDescriptor::writableAttribute, nullptr );
+   EXPECT_THAT( handler.taken(), ElementsAre() );
+}
+
+TEST_F( FrameworkControlTest, WriteHandlerMayAskForTheNextWrite ) {
+   const auto control = Platform::getFdControl( &handler );
+   handler.on = [ & ] { control->setWrites( handler.log.size() == 1 ); };
+   control->setWrites( true );
+   control->setFd( pipe_[ 1 ] );
+   for( int n = 0; n < 3; ++n ) {
+      turn();
+   }
+   EXPECT_THAT( handler.taken(), ElementsAre( "write", "write" ) );
+}
+
+TEST_F( FrameworkControlTest, HookIsAskedAboutTheDescriptorThatWasNotified ) {
+   const auto control = Platform::getFdControl( &handler );
+   handler.swallow = true;
+   handler.on = [ & ] {
+      control->delFd();
+      throw std::runtime_error( "thrown" );
+   };
+   fill();
+   control->setFd( pipe_[ 0 ] );
+   turn();
+   EXPECT_THAT( handler.taken(),
+                ElementsAre( "read", "asked for fd " + std::to_string( pipe_[ 0 ] ) ) );
 }
 
 TEST_F( FrameworkControlTest, NotifieeWithoutItsControlOnlyTraces ) {

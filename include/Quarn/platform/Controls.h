@@ -2,6 +2,21 @@
 //
 // A control comes from a factory (`platform/Factories.h`), holds its handler without owning it (the
 // handler outlives the control), and is used on the thread that made it. Destroying it disarms it.
+//
+// There are two flavours: on libevent, which the comments below describe, and on the objects of the
+// framework in a process without thread-local singletons. They differ in this:
+//
+//                                           libevent               framework
+//     clearEvents()                         keeps the number       forgets it: getFd() is -1, and
+//                                                                  flags alone watch nothing
+//     setFd() after a write notification    watches writes again   does not: setWrites( true ) does
+//     setFd( -1 )                           fatal                  watches nothing
+//     regular files                         writable, unreadable   always both
+//     a number closed and used again        not heard              heard
+//     a number closed while watched         not heard              not heard, traced once
+//     timers                                up to 4 ms early       never early
+//     remainingTimeout()                    from an old reading    exact
+//     callbacks and timers of one turn      in no promised order   callbacks first, then by time
 
 #pragma once
 

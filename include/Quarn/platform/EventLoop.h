@@ -31,7 +31,11 @@ ORUQUARN_API void doLeEventLoop( double timeout );
 // example, wait that long), then lets other threads have the lock.
 ORUQUARN_API void doLeEventLoopInWaitfor( double maxTimeout );
 
-// The same by process mode: libevent's loop with thread-local singletons, else the framework's.
+// The same by process mode: libevent's loop with thread-local singletons, else the framework's. Of
+// that there is one in the process. A handler may run it within itself, each call with its own
+// limit; `doEventLoopInWaitfor` is `doEventLoop` there.
+//
+// Errors: on the framework's loop, Quarn::AssertException while another thread runs it.
 namespace Platform {
 
 ORUQUARN_API void doEventLoop();

@@ -98,8 +98,10 @@ namespace Platform {
 //         thread"), which `leFastForward()` is for.
 ORUQUARN_API bool fastForward();
 
-// Sets the switch, and calls every notifier when it changed.
+// Sets the switch, and calls every notifier when it changed. A loop that waits looks at it when the
+// wait is over.
 //
+// Thread: any, one at a time.
 // Errors: as above; what a notifier throws.
 ORUQUARN_API void setFastForward( bool on );
 

@@ -26,7 +26,7 @@
 //         thread's own root), and destroy what was made on it before it goes.
 // Thread: the main one.
 // Errors: an exception that leaves a task leaves the function that ran the loop, which may be
-//         called again. Fatal inside a running loop.
+//         called again. Fatal inside a running loop of libevent.
 
 #pragma once
 

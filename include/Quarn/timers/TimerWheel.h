@@ -118,7 +118,9 @@ class ORUQUARN_API TimerWheel : private Platform::TimeoutHandler {
 };
 
 // The wheel for timers of the calling thread, made when it is first asked for. It goes when the
-// thread ends and nobody else holds it; timers must be stopped by then.
+// thread ends and nobody else holds it; timers must be stopped by then. Without thread-local
+// singletons there is one for the process, for the thread that runs the framework's loop, until
+// exit.
 ORUQUARN_API std::shared_ptr<TimerWheel> getTimerWheel();
 
 // A wheel of its own for a scheduler.
