@@ -241,9 +241,9 @@ TEST( CostTest, LoneDescriptorKeepsItsWatchAndAllocatesNothing ) {
          left = returns;
          ASSERT_EQ( write( ends[ 0 ], "x", 1 ), 1 );
          while( left > 0 || one->taskScheduled() || other->taskScheduled() ) {
-            doLeEventLoop( 0.0 );
+            Platform::doEventLoop( 0.0 );
          }
-         doLeEventLoop( 0.0 );
+         Platform::doEventLoop( 0.0 );
       };
       run( 100 );
       const unsigned long changesBefore = watchChanges;

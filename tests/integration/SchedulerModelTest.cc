@@ -14,10 +14,12 @@
 #include <Quarn/LibeventFactoryCpp.h>
 #include <Quarn/Task.h>
 #include <Quarn/TaskSchedulerCpp.h>
+#include <Quarn/base/ThreadControl.h>
 #include <Quarn/testing/Clocks.h>
 
+#include <Oru/System.h>
+
 #include <event2/event.h>
-#include <event2/event_struct.h>
 #include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -306,9 +308,8 @@ class Play final : public Player {
    std::vector<Line> script_;
    std::size_t position_ = 0;
 
-   event_base* base_ = nullptr;
+   event_base* base_ = nullptr; // none on the framework's loop
    std::shared_ptr<TaskSchedulerRoot> root_;
-   event* callbackEvent_ = nullptr;
    bool inLoop_ = false;
    std::array<Real, taskSlots> real_;
    std::array<std::shared_ptr<TaskGroup>, schedulerSlots> groupOwners_;
@@ -324,26 +325,33 @@ class Play final : public Player {
 // way without callbacks.
 constexpr bool countsBusyCallbacks( int slot ) { return slot % 3 != 1; }
 
+// Reaches what the root asks for its runs, to see whether it has asked.
+using RootsCallback = std::shared_ptr<Platform::CallbackControl>;
+template<RootsCallback TaskSchedulerRoot::*member>
+struct CallbackOf {
+   friend const RootsCallback& callbackOf( const TaskSchedulerRoot& root ) { return root.*member; }
+};
+const RootsCallback& callbackOf( const TaskSchedulerRoot& root );
+template struct CallbackOf<&TaskSchedulerRoot::callbackControl_>;
+
 Play::Play( std::uint64_t seed ) : random_( seed ) {
    // Whatever an earlier case of this process has left.
    leFree();
-   base_ = leCreateBase();
-   leRegisterBase( base_ );
+   if( hasThreadLocalSingletons() ) {
+      base_ = leCreateBase();
+      leRegisterBase( base_ );
+   }
    root_ = TaskSchedulerRoot::TaskSchedulerRootIs( "root" );
-   // The event of the root's callback is the one that its request arms.
    root_->requestSchedulerRun();
-   event_base_foreach_event(
-         base_,
-         []( event_base const*, event const* each, void* found ) {
-            *static_cast<event**>( found ) = const_cast<event*>( each );
-            return 0;
-         },
-         &callbackEvent_ );
    model_.callbackPending = true;
    root_->runObserverForTestIs( [ this ]( const TaskImpl& task ) {
       if( inLoop_ ) {
          // One turn is one step.
-         event_base_loopbreak( base_ );
+         if( base_ ) {
+            event_base_loopbreak( base_ );
+         } else {
+            Oru::System::doStop();
+         }
       }
       Line const* line = _next();
       if( line && ( line->what != Line::run ||
@@ -1036,7 +1044,7 @@ bool Play::_do( const Operation& op ) {
       processExpiredTimersForTaskScheduler( root_->timerWheelForTest() );
       inLoop_ = true;
       try {
-         eventLoopTimeout( 0.0 );
+         Platform::doEventLoop( 0.0 );
       } catch( ... ) {
          inLoop_ = false;
          throw;
@@ -1065,9 +1073,7 @@ bool Play::_do( const Operation& op ) {
    return false;
 }
 
-bool Play::_callbackPending() const {
-   return event_pending( callbackEvent_, EV_TIMEOUT, nullptr ) != 0;
-}
+bool Play::_callbackPending() const { return callbackOf( *root_ )->pendingCallback(); }
 
 Picture Play::_realPicture() const {
    Picture words{ _callbackPending() };
