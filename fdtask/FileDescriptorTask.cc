@@ -192,7 +192,8 @@ void FileDescriptorTask::_watchFd( Change change ) {
 // thus keeps its watch in the kernel.
 bool FileDescriptorTask::_runsNext() const {
    for( TaskScheduler const* s = scheduler_.get(); s; s = s->enclosing_ ) {
-      if( s->runnableTaskCount() != 1 ) {
+      // With a task running this is a loop within it, which runs no other.
+      if( s->runnableTaskCount() != 1 || s->currentlyRunningTask() ) {
          return false;
       }
    }

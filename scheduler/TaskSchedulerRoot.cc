@@ -207,7 +207,13 @@ void TaskSchedulerRoot::requestSchedulerRun() {
    callbackControl_->requestCallback();
 }
 
-void TaskSchedulerRoot::callback() { handleSchedulerRun(); }
+void TaskSchedulerRoot::callback() {
+   // A loop within a run, which the framework's may be: the run's own turn asks for the next.
+   if( currentlyRunningTask() ) [[unlikely]] {
+      return;
+   }
+   handleSchedulerRun();
+}
 
 void TaskSchedulerRoot::handleSchedulerRun() {
    sanityCheckCurrentRunningThread();

@@ -54,6 +54,9 @@ void FileDescriptor::nonBlockingIs( bool on ) {
 void FileDescriptor::notifyOnReadableIs( bool on ) {
    if( on != notifyOnReadable_ ) {
       notifyOnReadable_ = on;
+      if( on ) {
+         notOpen_ = false;
+      }
       watches_.update( *this );
    }
 }

@@ -2,6 +2,7 @@
 // libevent flavour.
 
 #include "support/Fatal.h"
+#include "support/Tasks.h"
 #include "support/TraceCapture.h"
 
 #include <OruQuarn/Callback.h>
@@ -33,6 +34,7 @@ namespace {
 using namespace Quarn;
 using testing::ElementsAre;
 using testing::HasSubstr;
+using testing_support::makeTask;
 using testing_support::TraceCapture;
 
 constexpr double infinity = std::numeric_limits<double>::infinity();
@@ -79,6 +81,23 @@ FdNotifiee notifieeOf( OruQuarn::FileDescriptor& control );
 ClockNotifiee notifieeOf( OruQuarn::ClockTimer& control );
 template struct OfFd<&OruQuarn::FileDescriptor::notifiee_>;
 template struct OfTimer<&OruQuarn::ClockTimer::notifiee_>;
+
+class Reader final : public FileDescriptorTask {
+ public:
+   Reader( std::shared_ptr<TaskScheduler> scheduler, int fd )
+         : FileDescriptorTask( std::move( scheduler ), TaskPriority::normal, "reader" ) {
+      taskWatchFdIs( fd );
+   }
+   int reads = 0;
+
+ private:
+   void taskExecuteReadable() override {
+      ++reads;
+      char byte;
+      EXPECT_EQ( read( taskWatchFd(), &byte, 1 ), 1 );
+   }
+   void taskExecuteWritable() override {}
+};
 
 class FrameworkControlTest : public testing::Test {
  protected:
@@ -383,6 +402,31 @@ TEST_F( FrameworkControlTest, VirtualTimeJumpsExactly ) {
    EXPECT_LT( fired, start + 86401.0 );
    Platform::doEventLoop( 3600.0 );
    EXPECT_GE( time(), fired + 3600.0 );
+}
+
+// The loop within a task runs no other task of the root, and says so to nobody twice.
+TEST_F( FrameworkControlTest, LoopWithinATaskLeavesTheOthersQueued ) {
+   const auto root = schedulerRootQuarnNonShared( "root" );
+   fill();
+   const auto reader = std::make_shared<Reader>( root, pipe_[ 0 ] );
+   int runs = 0;
+   const auto other = makeTask( root, TaskPriority::normal, "other", [ & ]( auto& ) { ++runs; } );
+   const auto nesting = makeTask( root, TaskPriority::high, "nesting", [ & ]( auto& ) {
+      other->scheduleTask();
+      root->requestSchedulerRun();
+      const auto manager = Oru::ActivityManager::instance();
+      const std::uint64_t before = manager->served();
+      Platform::doEventLoop( 0.02 );
+      EXPECT_LT( manager->served() - before, 10u ) << "the ready descriptor does not spin";
+      EXPECT_EQ( runs, 0 );
+   } );
+   nesting->scheduleTask();
+   for( int n = 0; n < 10; ++n ) {
+      turn();
+   }
+   EXPECT_EQ( runs, 1 );
+   EXPECT_GE( reader->reads, 1 );
+   EXPECT_TRUE( root->checkForTest() );
 }
 
 TEST_F( FrameworkControlTest, WaitRunsALoopWithinTheLoopWithTheLockHeld ) {

@@ -33,7 +33,9 @@ ORUQUARN_API void doLeEventLoopInWaitfor( double maxTimeout );
 
 // The same by process mode: libevent's loop with thread-local singletons, else the framework's. Of
 // that there is one in the process. A handler may run it within itself, each call with its own
-// limit; `doEventLoopInWaitfor` is `doEventLoop` there.
+// limit, and is then the only one of its kind: a loop within a task runs no other task of its root,
+// one within a timer of a wheel no other timer of that wheel. `doEventLoopInWaitfor` is
+// `doEventLoop` there, and +infinity ends when nothing is left to wait for.
 //
 // Errors: on the framework's loop, Quarn::AssertException while another thread runs it.
 namespace Platform {

@@ -43,7 +43,7 @@ class ORU_API FileDescriptor : public PtrInterface, public Allocated<FileDescrip
    //
    // A number that turns out to be no open descriptor is traced once (facility Activity, level 0),
    // notified as writable where that is looked for, so that the writer meets the error, and then
-   // not watched until this is called again or writability is asked for anew.
+   // not watched until this is called again or one of the two is asked for anew.
    //
    // Errors: Quarn::AssertException when the mode cannot be set, with the descriptor of before.
    void descriptorIs( int fd );
