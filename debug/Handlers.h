@@ -4,11 +4,13 @@
 //
 //     namespace { constexpr char sourceFile[] = "TimerWheelCpp"; }
 //
-// and the macros take the file from there, the line and the function from where they stand.
+// and the macros take the file from there, the line and the function from where they stand. They
+// trace on a load-time handler, on a `DebugHandler&` of the caller's, or on a `Debuggable`.
 
 #pragma once
 
 #include <Quarn/debug/Assert.h>
+#include <Quarn/debug/Debuggable.h>
 #include <Quarn/debug/Trace.h>
 
 #include <atomic>
@@ -82,8 +84,47 @@ template<typename... Args>
 }
 
 template<typename... Args>
+[[gnu::cold, gnu::noinline]] void
+traceAt( const Platform::DebugHandler& handler, unsigned short level, const SourceLoc& at,
+         fmt::format_string<Args...> format, Args&&... args ) noexcept {
+   vfmtrace( handler, level, at.className, at.file, at.function, at.line, format,
+             fmt::make_format_args( args... ) );
+}
+
+// The value has a handler, as a level of its own is enabled.
+template<typename... Args>
+[[gnu::cold, gnu::noinline]] void traceAt( const Debuggable& debuggable, unsigned short level,
+                                           const SourceLoc& at, fmt::format_string<Args...> format,
+                                           Args&&... args ) noexcept {
+   vfmtrace( *debuggable.debugHandler(), level, at.className, at.file, at.function, at.line, format,
+             fmt::make_format_args( args... ) );
+}
+
+template<typename... Args>
 [[noreturn, gnu::cold, gnu::noinline]] void
 assertAt( const SourceLoc& at, fmt::format_string<Args...> format, Args&&... args ) {
+   vfmassert( at.className, at.file, at.function, at.line, format,
+              fmt::make_format_args( args... ) );
+}
+
+// On the caller's handler instead of "Assert".
+template<typename... Args>
+[[noreturn, gnu::cold, gnu::noinline]] void
+assertAt( const Platform::DebugHandler& handler, const SourceLoc& at,
+          fmt::format_string<Args...> format, Args&&... args ) {
+   vfmassert( handler, at.className, at.file, at.function, at.line, format,
+              fmt::make_format_args( args... ) );
+}
+
+// On a load-time handler. Before load time there is none, and the text is only thrown.
+template<typename... Args>
+[[noreturn, gnu::cold, gnu::noinline]] void
+assertAt( const Platform::HandlerSlot& slot, const SourceLoc& at,
+          fmt::format_string<Args...> format, Args&&... args ) {
+   if( Platform::DebugHandler const* handler = slot.handler() ) {
+      vfmassert( *handler, at.className, at.file, at.function, at.line, format,
+                 fmt::make_format_args( args... ) );
+   }
    vfmassert( at.className, at.file, at.function, at.line, format,
               fmt::make_format_args( args... ) );
 }
@@ -104,7 +145,7 @@ template<typename... Args>
 #define QUARN_SOURCE_AT( className, function ) \
    ::Quarn::Impl::SourceLoc { className, sourceFile, function, __LINE__ }
 
-// Traces on a load-time handler as if from `function`.
+// Traces on a handler as if from `function`.
 #define QUARN_TRACE_AS( slot, level, className, function, ... )                       \
    do {                                                                               \
       if( ( slot ).levelEnabled( level ) ) [[unlikely]] {                             \
@@ -121,6 +162,10 @@ template<typename... Args>
    ::Quarn::Impl::assertAt( QUARN_SOURCE_AT( className, function ), __VA_ARGS__ )
 
 #define QUARN_FAIL( className, ... ) QUARN_FAIL_AS( className, __func__, __VA_ARGS__ )
+
+// Fails on a handler other than "Assert": a load-time one or a `DebugHandler&`.
+#define QUARN_FAIL_ON( handler, className, ... ) \
+   ::Quarn::Impl::assertAt( handler, QUARN_SOURCE_AT( className, __func__ ), __VA_ARGS__ )
 
 // Ends the process with a formatted text as if from `function`.
 #define QUARN_DIE( className, function, ... ) \

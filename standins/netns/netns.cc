@@ -33,30 +33,35 @@ char const* textOf( int error ) {
    return text ? text : "unknown error";
 }
 
-bool isFileName( char const* name ) {
-   return *name && !std::strchr( name, '/' ) && std::strcmp( name, "." ) != 0 &&
+bool isName( char const* name ) {
+   constexpr char letters[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789_.-";
+   std::size_t const size = std::strspn( name, letters );
+   return size != 0 && name[ size ] == '\0' && std::strcmp( name, "." ) != 0 &&
           std::strcmp( name, ".." ) != 0;
 }
 
 } // namespace
 
 int setnsByName( char const* name, int nstype ) {
-   if( !name || !isFileName( name ) ) {
+   if( !name || !isName( name ) ) {
       return failure( EINVAL, "'%.*s' is no name of a network namespace", 255, name ? name : "" );
    }
    if( std::strlen( name ) > longestName ) {
       return failure( ENAMETOOLONG, "name of a network namespace longer than 255 bytes" );
    }
    char path[ sizeof( namedNamespaces ) + longestName ];
-   std::snprintf( path, sizeof( path ), "%s%s",
-                  std::strcmp( name, DEFAULT_NS ) == 0 ? "" : namedNamespaces,
-                  std::strcmp( name, DEFAULT_NS ) == 0 ? namespaceOfProcess1 : name );
-
-   int const fd = open( path, O_RDONLY | O_CLOEXEC );
+   std::snprintf( path, sizeof( path ), "%s%s", namedNamespaces, name );
+   int fd = open( path, O_RDONLY | O_CLOEXEC );
+   if( fd < 0 && errno == ENOENT && std::strcmp( name, DEFAULT_NS ) == 0 ) {
+      std::strcpy( path, namespaceOfProcess1 );
+      fd = open( path, O_RDONLY | O_CLOEXEC );
+   }
    if( fd < 0 ) {
       int const error = errno;
       return failure( error, "cannot open %s: %s", path, textOf( error ) );
    }
+   // Also into the namespace that the thread is in already: whether it may come back from where it
+   // is going shows now.
    int const result = setns( fd, nstype );
    int const error = errno;
    // Nothing was written through it, so its own failure says nothing.

@@ -1,32 +1,21 @@
+#include "support/NetworkNamespaces.h"
+
 #include <netns.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <cerrno>
-#include <climits>
-#include <fcntl.h>
 #include <sched.h>
 #include <string>
+#include <sys/mount.h>
 #include <thread>
 #include <unistd.h>
 
 namespace {
 
 using testing::HasSubstr;
-
-std::string linkText( char const* path ) {
-   char text[ PATH_MAX ];
-   ssize_t const size = readlink( path, text, sizeof( text ) );
-   return size < 0 ? std::string() : std::string( text, static_cast<std::size_t>( size ) );
-}
-
-// The number that the next descriptor gets: it grows when one leaks.
-int nextDescriptor() {
-   int const fd = open( "/dev/null", O_RDONLY | O_CLOEXEC );
-   close( fd );
-   return fd;
-}
+using namespace testing_support;
 
 TEST( NetnsTest, FailuresSetErrnoAndTellWhy ) {
    std::string const longName( 256, 'n' );
@@ -41,10 +30,14 @@ TEST( NetnsTest, FailuresSetErrnoAndTellWhy ) {
          { "..", EINVAL, "'..' is no name" },
          { "a/b", EINVAL, "'a/b' is no name" },
          { "../netns/x", EINVAL, "no name" },
+         { "two words", EINVAL, "no name" },
+         { "line\n", EINVAL, "no name" },
+         { "gr\xc3\xbcn", EINVAL, "no name" },
+         { "no_such.NAME-09", ENOENT, "/var/run/netns/no_such.NAME-09: No such file" },
          { longName.c_str(), ENAMETOOLONG, "longer than 255" },
          { "no-such-namespace", ENOENT, "/var/run/netns/no-such-namespace: No such file" },
    };
-   int const descriptor = nextDescriptor();
+   unsigned const descriptors = openDescriptors();
    for( auto const& c : cases ) {
       SCOPED_TRACE( c.name ? c.name : "null" );
       errno = 0;
@@ -52,7 +45,7 @@ TEST( NetnsTest, FailuresSetErrnoAndTellWhy ) {
       EXPECT_EQ( errno, c.error );
       EXPECT_THAT( netnsGetTracebuffer(), HasSubstr( c.reason ) );
    }
-   EXPECT_EQ( nextDescriptor(), descriptor );
+   EXPECT_EQ( openDescriptors(), descriptors );
 }
 
 TEST( NetnsTest, ReasonBelongsToTheThread ) {
@@ -65,36 +58,49 @@ TEST( NetnsTest, ReasonBelongsToTheThread ) {
    EXPECT_THAT( netnsGetTracebuffer(), HasSubstr( "mine/" ) );
 }
 
-// A kind of namespace that the file is not: setns itself fails, after the file was opened.
-TEST( NetnsTest, FailedEntryClosesTheDescriptor ) {
-   if( access( "/proc/1/ns/net", R_OK ) != 0 ) {
-      GTEST_SKIP() << "no access to the namespaces of process 1";
+TEST( NetnsTest, ForkedChildMovesToTheNamedDefault ) {
+   std::string const refusal = inNetworkNamespaces( [] {
+      ino_t const named = namespaceOf( "/var/run/netns/default" );
+      unsigned const descriptors = openDescriptors();
+      ino_t const own = ownNetworkNamespace();
+      std::thread( [ & ] {
+         ASSERT_EQ( setnsByName( DEFAULT_NS, CLONE_NEWNET ), 0 ) << netnsGetTracebuffer();
+         EXPECT_EQ( ownNetworkNamespace(), named );
+         // A kind of namespace that the file is not: setns fails, after the file was opened.
+         EXPECT_EQ( setnsByName( DEFAULT_NS, CLONE_NEWUTS ), -1 );
+         EXPECT_EQ( errno, EINVAL );
+         EXPECT_THAT( netnsGetTracebuffer(), HasSubstr( "cannot enter /var/run/netns/default: " ) );
+         // Where the thread is already it may go only if it may go at all.
+         EXPECT_EQ( setnsByName( DEFAULT_NS, CLONE_NEWNET ), 0 );
+         dropCapabilities();
+         EXPECT_EQ( setnsByName( DEFAULT_NS, CLONE_NEWNET ), -1 );
+         EXPECT_EQ( errno, EPERM );
+         EXPECT_EQ( ownNetworkNamespace(), named );
+      } ).join();
+      EXPECT_EQ( ownNetworkNamespace(), own );
+      EXPECT_EQ( openDescriptors(), descriptors );
+   } );
+   if( !refusal.empty() ) {
+      GTEST_SKIP() << "not permitted here: " << refusal;
    }
-   int const descriptor = nextDescriptor();
-   EXPECT_EQ( setnsByName( DEFAULT_NS, CLONE_NEWUTS ), -1 );
-   EXPECT_THAT( errno, testing::AnyOf( EINVAL, EPERM ) );
-   EXPECT_THAT( netnsGetTracebuffer(), HasSubstr( "/proc/1/ns/net: " ) );
-   EXPECT_EQ( nextDescriptor(), descriptor );
 }
 
-// On a thread of its own, which leaves its namespace first where that is permitted.
-TEST( NetnsTest, DefaultIsTheNamespaceOfProcess1 ) {
-   int error = 0;
-   std::string entered;
-   std::string reason;
-   int const descriptor = nextDescriptor();
-   std::thread( [ & ] {
-      static_cast<void>( unshare( CLONE_NEWNET ) );
-      error = setnsByName( DEFAULT_NS, CLONE_NEWNET ) == 0 ? 0 : errno;
-      reason = netnsGetTracebuffer();
-      entered = linkText( "/proc/thread-self/ns/net" );
-   } ).join();
-   EXPECT_EQ( nextDescriptor(), descriptor );
-   if( error != 0 ) {
-      ASSERT_THAT( error, testing::AnyOf( EPERM, EACCES ) );
-      GTEST_SKIP() << "not permitted here: " << reason;
+TEST( NetnsTest, ForkedChildWithoutTheNameGoesToTheNamespaceOfProcess1 ) {
+   std::string const refusal = inNetworkNamespaces( [] {
+      ASSERT_EQ( umount2( "/var/run/netns/default", MNT_DETACH ), 0 );
+      ASSERT_EQ( unlink( "/var/run/netns/default" ), 0 );
+      ino_t const own = ownNetworkNamespace();
+      if( setnsByName( DEFAULT_NS, CLONE_NEWNET ) == 0 ) {
+         EXPECT_EQ( ownNetworkNamespace(), namespaceOf( "/proc/1/ns/net" ) );
+      } else {
+         EXPECT_THAT( errno, testing::AnyOf( EPERM, EACCES ) );
+         EXPECT_THAT( netnsGetTracebuffer(), HasSubstr( " /proc/1/ns/net: " ) );
+         EXPECT_EQ( ownNetworkNamespace(), own );
+      }
+   } );
+   if( !refusal.empty() ) {
+      GTEST_SKIP() << "not permitted here: " << refusal;
    }
-   EXPECT_EQ( entered, linkText( "/proc/1/ns/net" ) );
 }
 
 } // namespace

@@ -1,0 +1,5 @@
+// Directories.
+
+#pragma once
+
+#include <Quarn/util/DirNode.h>

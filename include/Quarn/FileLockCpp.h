@@ -1,0 +1,5 @@
+// Locks on files, and who holds them.
+
+#pragma once
+
+#include <Quarn/util/FileLock.h>
