@@ -71,6 +71,7 @@ Agent::Agent( const Options& options, const std::string& procFolder )
         debug_( Quarn::Platform::getDebugHandler( "HostAgent", false ) ),
         signals_(
               [ this ]( int signal ) { stop( fmt::format( "SIG{}", sigabbrev_np( signal ) ) ); } ),
+        eventLog_( counters_.counter( WorkCounters::Work::events ) ),
         load_( procFolder ),
         root_( Quarn::schedulerRootQuarn() ),
         samples_( makeSamplesGroup( root_ ) ),
@@ -86,7 +87,7 @@ Agent::Agent( const Options& options, const std::string& procFolder )
               Rhythm{ options.intervalSeconds, static_cast<std::uint8_t>( options.jitterPercent ) },
               [ this ] { _walkBeat(); } ) ),
         loadTimer_( std::make_shared<SampleTimer>( samples_, Quarn::TaskPriority::low, "LoadTimer",
-                                                   loadRhythm, [ this ] { load_.take(); } ) ),
+                                                   loadRhythm, [ this ] { _loadBeat(); } ) ),
         namesTimer_( std::make_shared<SampleTimer>( root_, Quarn::TaskPriority::scavenge,
                                                     "NamesTimer", namesRhythm,
                                                     [ this ] { userNames_.forget(); } ) ),
@@ -99,6 +100,7 @@ Agent::Agent( const Options& options, const std::string& procFolder )
       fastForward_.emplace();
    } else {
       showServer_ = std::make_shared<ShowServer>( root_, options.name );
+      showServer_->answeredCounterIs( counters_.counter( WorkCounters::Work::answers ) );
    }
 }
 
@@ -166,8 +168,15 @@ void Agent::_publish( const std::shared_ptr<const ProcessTable>& table ) {
    topList_->tableIs( table );
 }
 
+void Agent::_loadBeat() {
+   load_.take();
+   ++*counters_.counter( WorkCounters::Work::samples );
+}
+
 void Agent::_walkBeat() {
-   if( !walk_->walkStart() ) {
+   if( walk_->walkStart() ) {
+      ++*counters_.counter( WorkCounters::Work::samples );
+   } else {
       ++walksSkipped_;
       QUARN_FMTRACE( *debug_, 3, "Agent", "the last walk is not finished; skipped one" );
    }

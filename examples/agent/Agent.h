@@ -31,6 +31,7 @@
 #include "examples/agent/TopList.h"
 #include "examples/agent/UserNames.h"
 #include "examples/agent/UserSummary.h"
+#include "examples/agent/WorkCounters.h"
 
 #include <Quarn/Debug.h>
 #include <Quarn/Task.h>
@@ -89,6 +90,7 @@ class Agent {
    const TopList& topList() const { return *topList_; }
    const LinkWatch& linkWatch() const { return *linkWatch_; }
    const EventLog& eventLog() const { return eventLog_; }
+   const WorkCounters& counters() const { return counters_; }
    UserNames& userNames() { return userNames_; }
 
    // Null under virtual time, whose jumps would use up the time that clients are given.
@@ -107,6 +109,7 @@ class Agent {
    class EndTimer;
 
    void _publish( const std::shared_ptr<const ProcessTable>& table );
+   void _loadBeat();
    void _walkBeat();
    bool _answering();
 
@@ -117,6 +120,7 @@ class Agent {
    AgentSignals signals_;
    std::optional<FastForward> fastForward_;
    UserNames userNames_;
+   WorkCounters counters_;
    EventLog eventLog_;
    LoadSample load_;
    std::shared_ptr<Quarn::TaskSchedulerRoot> root_;

@@ -157,6 +157,21 @@ void renderShows( std::ostream& out, const Agent& agent ) {
                agent.options().name, server->answered(), server->refused(), server->givenUp() );
 }
 
+void renderWork( std::ostream& out, const WorkCounters& counters ) {
+   if( !counters.fromPlugin() ) {
+      return;
+   }
+   TextTable table;
+   table.columnAdd( "counter", Align::left );
+   table.columnAdd( "", Align::right );
+   for( std::size_t i = 0; i < WorkCounters::names.size(); ++i ) {
+      table.rowAdd( { WorkCounters::names[ i ],
+                      std::to_string( counters.count( WorkCounters::Work( i ) ) ) } );
+   }
+   out << "\nCounters of the plugin\n";
+   table.render( out );
+}
+
 void renderEvents( std::ostream& out, const EventLog& log ) {
    if( log.events().empty() ) {
       return;
@@ -202,6 +217,7 @@ void renderReport( std::ostream& out, Agent& agent ) {
       renderFolder( out, agent.options().watchFolder, *folder );
    }
    renderShows( out, agent );
+   renderWork( out, agent.counters() );
    renderEvents( out, agent.eventLog() );
    renderTasks( out, agent );
    out << '\n';

@@ -6,11 +6,14 @@
 
 namespace HostAgent {
 
-EventLog::EventLog() : start_( Quarn::time() ) {}
+EventLog::EventLog( unsigned long* counter ) : counter_( counter ), start_( Quarn::time() ) {}
 
 void EventLog::add( std::string what, std::string name ) {
    if( events_.size() == capacity ) {
       events_.pop_front();
+   }
+   if( counter_ ) {
+      ++*counter_;
    }
    events_.push_back( { Quarn::time() - start_, std::move( what ), std::move( name ) } );
 }

@@ -22,7 +22,8 @@ class EventLog {
       std::string name;
    };
 
-   EventLog();
+   // Counts every event at `counter` too, when it is not null. It outlives the log.
+   explicit EventLog( unsigned long* counter = nullptr );
 
    void add( std::string what, std::string name );
 
@@ -30,6 +31,7 @@ class EventLog {
    const std::deque<Event>& events() const { return events_; }
 
  private:
+   unsigned long* counter_;
    double start_;
    std::deque<Event> events_;
 };

@@ -36,9 +36,11 @@ struct ExitCode {
    int value;
 };
 
-// Exit codes of the program: for a failure at run time, and for a bad command line.
+// Exit codes of the program: for a failure at run time, for a bad command line, and when the user
+// has an agent of that name already.
 inline constexpr int exitFailure = 1;
 inline constexpr int exitUsage = 2;
+inline constexpr int exitRunning = 3;
 
 // Reads the command line. Help and version go to `out`; what is wrong goes to `err`, in one line.
 std::variant<Options, ExitCode> optionsFromCommandLine( int argc, char const* const* argv,

@@ -1,12 +1,13 @@
 #include "examples/agent/ShowServer.h"
 
+#include "tools/show/ShowListener.h"
+
 #include <Quarn/LibeventFactoryCpp.h>
 #include <Quarn/base/Exception.h>
 
-#include <fmt/format.h>
-
 #include <algorithm>
 #include <cerrno>
+#include <exception>
 #include <limits>
 #include <utility>
 #include <vector>
@@ -45,11 +46,11 @@ ShowServer::ShowServer( std::shared_ptr<Quarn::TaskSchedulerRoot> root, const st
         root_( std::move( root ) ),
         patience_( patience ),
         look_( std::make_shared<Look>( *this ) ),
-        closer_( std::make_shared<ConnectionCloser>() ),
-        listening_( Show::listenAs( name ) ) {
-   if( !listening_.valid() ) {
-      refusal_ = errno == EADDRINUSE ? fmt::format( "another agent has the name '{}'", name )
-                                     : Quarn::strerror( errno );
+        closer_( std::make_shared<ConnectionCloser>() ) {
+   try {
+      listening_ = Show::listenAs( name );
+   } catch( const std::exception& error ) {
+      refusal_ = error.what();
       QUARN_FMTRACE( *debug_, 1, "ShowServer", "answers nothing: {}", refusal_ );
       return;
    }
@@ -126,7 +127,12 @@ void ShowServer::_admit( Show::Descriptor client ) {
 }
 
 void ShowServer::_ended( ShowSession& session, ShowSession::Outcome outcome ) {
-   answered_ += outcome == ShowSession::Outcome::answered ? 1 : 0;
+   if( outcome == ShowSession::Outcome::answered ) {
+      ++answered_;
+      if( answeredCounter_ ) {
+         ++*answeredCounter_;
+      }
+   }
    refused_ += outcome == ShowSession::Outcome::refused ? 1 : 0;
    givenUp_ += outcome == ShowSession::Outcome::givenUp ? 1 : 0;
    sessions_.remove_if(

@@ -36,6 +36,9 @@ class ShowServer final : public Quarn::FileDescriptorTask {
                const Patience& patience );
    ~ShowServer() override;
 
+   // Counts what is answered at `counter` too, unless it is null. It outlives the server.
+   void answeredCounterIs( unsigned long* counter ) { answeredCounter_ = counter; }
+
    // Leaves the loop and gives every session up. A JSON document under way still takes the turns of
    // the loop that it needs to be thrown away, and stays when its pipe cannot be opened; calling
    // this again tries again.
@@ -81,6 +84,7 @@ class ShowServer final : public Quarn::FileDescriptorTask {
    // The oldest first.
    std::list<Entry> sessions_;
    std::uint64_t answered_ = 0;
+   unsigned long* answeredCounter_ = nullptr;
    std::uint64_t refused_ = 0;
    std::uint64_t givenUp_ = 0;
 };

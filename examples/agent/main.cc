@@ -1,15 +1,17 @@
 // host-agent: watches the processes of this host for a while and reports who uses it.
 //
-// Ends with 0 after a run, 1 when something fails (the report cannot be written, for example), and
-// 2 for a bad command line.
+// Ends with 0 after a run, 1 when something fails (the report cannot be written, for example), 2
+// for a bad command line, and 3 when the user has an agent of that name already.
 
 #include "examples/agent/Agent.h"
 #include "examples/agent/AgentReport.h"
 #include "examples/agent/Options.h"
+#include "examples/agent/SingleInstance.h"
 
 #include "tools/show/Descriptor.h"
 
 #include <Quarn/Debug.h>
+#include <Quarn/UtilCpp.h>
 #include <Quarn/base/Exception.h>
 #include <Quarn/base/ThreadControl.h>
 
@@ -37,10 +39,24 @@ int writeOut( std::string_view text ) {
    return 0;
 }
 
+// The end of a process that is not the only one of its name.
+int giveWay( const std::string& name, pid_t otherPid ) {
+   std::cerr << "host-agent: "
+             << ( otherPid != 0 ? "process " + std::to_string( otherPid ) : "another process" )
+             << " runs already under the name '" << name << "'\n";
+   return HostAgent::exitRunning;
+}
+
 int runAgent( const HostAgent::Options& options ) {
    if( !options.trace.empty() ) {
       Quarn::Platform::setupQuarnDebug( options.trace.c_str() );
    }
+   const HostAgent::SingleInstance instance( options.name );
+   if( !instance.held() ) {
+      return giveWay( options.name, instance.otherPid() );
+   }
+   Quarn::Util::emitCanaryLog( *Quarn::Platform::getDebugHandler( "HostAgent", false ),
+                               Quarn::String( "agent " + options.name + " starts" ) );
    // Before the first control is made, for it decides which kind.
    Quarn::hasThreadLocalSingletonsIs( !options.framework );
    std::ostringstream report;

@@ -2,6 +2,7 @@
 
 #include "examples/agent/Options.h"
 
+#include "examples/RuntimeFolder.h"
 #include "support/Shell.h"
 
 #include <gmock/gmock.h>
@@ -101,11 +102,15 @@ TEST( OptionsTest, UnknownAndIncompleteArgumentsAreErrors ) {
    }
 }
 
+class ProgramTest : public ::testing::Test {
+   const testing_support::RuntimeFolder folder_;
+};
+
 // Under a name that no other agent has, whose complaint would be one line more.
 const std::string program =
       "'" HOST_AGENT_PROGRAM "' --name t$$ ${ORUQUARN_TEST_FRAMEWORK:+--framework} ";
 
-TEST( ProgramTest, ShortRunReportsAndEndsWithZero ) {
+TEST_F( ProgramTest, ShortRunReportsAndEndsWithZero ) {
    const auto [ code, text ] = shell( program + "--seconds 0.05 --interval 0.01 --top 3" );
    EXPECT_EQ( code, 0 );
    for( char const* part :
@@ -114,7 +119,7 @@ TEST( ProgramTest, ShortRunReportsAndEndsWithZero ) {
    }
 }
 
-TEST( ProgramTest, HourOfVirtualTimeReportsAndEndsWithZero ) {
+TEST_F( ProgramTest, HourOfVirtualTimeReportsAndEndsWithZero ) {
    const auto [ code, text ] = shell( program + "--fast-forward 1 --interval 600 --jitter 0" );
    EXPECT_EQ( code, 0 );
    for( char const* part : { "Ran for 60min of virtual time", "WalkTimer", "time is over" } ) {
@@ -122,14 +127,14 @@ TEST( ProgramTest, HourOfVirtualTimeReportsAndEndsWithZero ) {
    }
 }
 
-TEST( ProgramTest, FolderThatCannotBeWatchedIsAFailureWithOneLine ) {
+TEST_F( ProgramTest, FolderThatCannotBeWatchedIsAFailureWithOneLine ) {
    const auto [ code, text ] = shell( program + "--watch-folder '/none\n' 2>&1" );
    EXPECT_EQ( code, 1 );
    EXPECT_THAT( text, HasSubstr( "cannot watch folder /none" ) );
    EXPECT_EQ( std::ranges::count( text, '\n' ), 1 ) << text;
 }
 
-TEST( ProgramTest, OutputThatCannotBeWrittenIsAFailureWithOneLine ) {
+TEST_F( ProgramTest, OutputThatCannotBeWrittenIsAFailureWithOneLine ) {
    for( char const* redirection : { "> /dev/full", ">&-", ">&- <&-" } ) {
       for( char const* arguments : { "--seconds 0.01", "--help", "--version" } ) {
          const auto [ code, text ] =
@@ -141,7 +146,7 @@ TEST( ProgramTest, OutputThatCannotBeWrittenIsAFailureWithOneLine ) {
    }
 }
 
-TEST( ProgramTest, ReaderThatHasGoneIsAFailureAndNotADeath ) {
+TEST_F( ProgramTest, ReaderThatHasGoneIsAFailureAndNotADeath ) {
    int ends[ 2 ];
    ASSERT_EQ( pipe( ends ), 0 );
    close( ends[ 0 ] );
@@ -153,7 +158,7 @@ TEST( ProgramTest, ReaderThatHasGoneIsAFailureAndNotADeath ) {
    EXPECT_EQ( text, "host-agent: cannot write to standard output: Broken pipe\n" );
 }
 
-TEST( ProgramTest, HelpAndVersionEndWithZero ) {
+TEST_F( ProgramTest, HelpAndVersionEndWithZero ) {
    EXPECT_THAT( shell( program + "--help" ).second, HasSubstr( "--interval" ) );
    EXPECT_EQ( shell( program + "--help" ).first, 0 );
    EXPECT_THAT( shell( program + "--version" ).second, HasSubstr( "host-agent " ) );

@@ -5,6 +5,7 @@
 #include "examples/agent/ShowServer.h"
 
 #include "examples/ProcFolder.h"
+#include "examples/RuntimeFolder.h"
 #include "support/Shell.h"
 #include "support/Tasks.h"
 
@@ -530,6 +531,10 @@ TEST( ShowAgentTest, AnswerThatCannotBeThrownAwayDoesNotKeepTheAgent ) {
 
 #ifdef SHOW_PROGRAM
 
+class ShowProgramTest : public ::testing::Test {
+   const testing_support::RuntimeFolder folder_;
+};
+
 // Runs the agent while the command does, with both in variables of the shell.
 std::pair<int, std::string> besideAgent( const std::string& command ) {
    return shell( "name=p$$; show='" SHOW_PROGRAM "'; agent='" HOST_AGENT_PROGRAM "'; "
@@ -539,22 +544,40 @@ std::pair<int, std::string> besideAgent( const std::string& command ) {
                  command + " ; }; code=$?; kill $!; wait $!; exit $code" );
 }
 
-TEST( ShowProgramTest, RunningAgentAnswersTheClient ) {
+TEST_F( ShowProgramTest, RunningAgentAnswersTheClient ) {
    EXPECT_THAT( besideAgent( "$show $name" ),
                 ::testing::Pair( 0, AllOf( StartsWith( "Priority " ), HasSubstr( "WalkTimer " ),
                                            Not( HasSubstr( "\x1b" ) ) ) ) );
    EXPECT_THAT( besideAgent( "$show $name history --match WalkTimer" ),
                 ::testing::Pair( 0, AllOf( StartsWith( "Last " ), HasSubstr( "WalkTimer" ) ) ) );
    EXPECT_EQ( besideAgent( "$show $name --match '(' 2>/dev/null" ).first, 1 );
-   EXPECT_THAT( besideAgent( "$agent --seconds 0.01 --name $name 2>&1" ),
-                ::testing::Pair( 0, HasSubstr( "answers no show requests: another agent has" ) ) );
+   // The user's own lock is in another place then.
+   EXPECT_THAT(
+         besideAgent( "mkdir $XDG_RUNTIME_DIR/other; XDG_RUNTIME_DIR=$XDG_RUNTIME_DIR/other "
+                      "$agent --seconds 0.01 --name $name 2>&1" ),
+         ::testing::Pair( 0, HasSubstr( "host-agent: answers no show requests: another agent "
+                                        "has the name 'p" ) ) );
    EXPECT_EQ( besideAgent( "kill -STOP $!; $show $name --timeout 0.1 2>/dev/null; code=$?; "
                            "kill -CONT $!; (exit $code)" )
                     .first,
               4 );
 }
 
-TEST( ShowProgramTest, JsonPassesAnotherParser ) {
+TEST_F( ShowProgramTest, SecondAgentOfANameSaysWhoIsTheFirstAndEnds ) {
+   const auto [ code, text ] =
+         besideAgent( "echo host-agent: process $! runs already under the name "
+                      "\\'$name\\'; $agent --name $name 2>&1" );
+   EXPECT_EQ( code, exitRunning );
+   const auto lineEnd = text.find( '\n' ) + 1;
+   ASSERT_NE( lineEnd, 0u );
+   EXPECT_EQ( text.substr( lineEnd ), text.substr( 0, lineEnd ) );
+   // The name is free when the first has ended, in whatever way, and others are free always.
+   EXPECT_EQ( besideAgent( "kill -KILL $!; wait $!; $agent --seconds 0.01 --name $name" ).first,
+              0 );
+   EXPECT_EQ( besideAgent( "$agent --seconds 0.01 --name $name.2" ).first, 0 );
+}
+
+TEST_F( ShowProgramTest, JsonPassesAnotherParser ) {
    if( shell( "command -v python3" ).first != 0 ) {
       GTEST_SKIP() << "there is no python3";
    }

@@ -1,6 +1,7 @@
 // The client: what it makes of reports, and the program with agents that do not behave.
 
 #include "tools/oruquarn-show/Paint.h"
+#include "tools/show/ShowListener.h"
 #include "tools/show/ShowSocket.h"
 
 #include "support/Shell.h"

@@ -15,9 +15,6 @@ namespace Show {
 
 namespace {
 
-// Clients beyond those that the agent serves wait here.
-constexpr int backlog = 16;
-
 using Clock = std::chrono::steady_clock;
 
 struct Address {
@@ -38,10 +35,6 @@ Address addressOf( std::string_view agent ) {
    std::memcpy( result.address.sun_path + 1, name.data(), size );
    result.size = static_cast<socklen_t>( offsetof( sockaddr_un, sun_path ) + 1 + size );
    return result;
-}
-
-Descriptor makeSocket( int flags ) {
-   return Descriptor( socket( AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | flags, 0 ) );
 }
 
 timeval timevalOf( std::chrono::milliseconds time ) {
@@ -75,23 +68,13 @@ Descriptor passedIn( msghdr& message ) {
 
 } // namespace
 
-Descriptor listenAs( std::string_view agent ) {
-   Descriptor listening = makeSocket( SOCK_NONBLOCK );
-   const Address address = addressOf( agent );
-   if( listening.valid() && ( bind( listening.get(), address.plain(), address.size ) != 0 ||
-                              listen( listening.get(), backlog ) != 0 ) ) {
-      listening.reset();
-   }
-   return listening;
-}
-
 Descriptor acceptClient( int listening ) {
    return Descriptor( accept4( listening, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK ) );
 }
 
 Descriptor connectTo( std::string_view agent, std::chrono::milliseconds limit ) {
    const Clock::time_point end = Clock::now() + limit;
-   Descriptor client = makeSocket( 0 );
+   Descriptor client( socket( AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0 ) );
    const Address address = addressOf( agent );
    while( client.valid() && ( !waitUntil( client.get(), end ) ||
                               connect( client.get(), address.plain(), address.size ) != 0 ) ) {

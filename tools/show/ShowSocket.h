@@ -1,7 +1,8 @@
 // The socket of show requests, for both ends: an abstract local one that keeps records apart.
 //
-// All system calls on it are here. Functions that return a descriptor return one that is not valid,
-// and set errno, when they fail; every descriptor is closed on exec.
+// All system calls on it are here, save those of `listenAs` (ShowListener). Functions that return a
+// descriptor return one that is not valid, and set errno, when they fail; every descriptor is
+// closed on exec.
 
 #pragma once
 
@@ -15,9 +16,6 @@
 #include <sys/types.h>
 
 namespace Show {
-
-// An agent's end, non-blocking. EADDRINUSE when another process has the name.
-Descriptor listenAs( std::string_view agent );
 
 // The next client's connection, non-blocking. EAGAIN when there is none.
 Descriptor acceptClient( int listening );
