@@ -189,10 +189,13 @@ event_base* leCreateBase() {
       event_config_set_flag( config.get(), EVENT_BASE_FLAG_NO_CACHE_TIME );
    }
    event_base* base = config ? event_base_new_with_config( config.get() ) : nullptr;
+   if( base && event_base_priority_init( base, Platform::eventPriorities ) != 0 ) {
+      event_base_free( base );
+      base = nullptr;
+   }
    if( !base ) {
       QUARN_FAIL( "Quarn", "Failed to create event_base" );
    }
-   event_base_priority_init( base, Platform::eventPriorities );
    return base;
 }
 

@@ -268,7 +268,13 @@ void LibeventTimerControl::setTimeout( double seconds ) {
       _assign();
    }
    if( event_add( &event_, &delay ) != 0 ) {
-      QUARN_FAIL( "LibeventTimerControl", "Failed to add event fd {}: {}", -1, strerror( errno ) );
+      if( !atOnce ) {
+         QUARN_FAIL( "LibeventTimerControl", "Failed to add event fd {}: {}", -1,
+                     strerror( errno ) );
+      }
+      // There is no memory for one more timer. What is due needs none, and a scheduler's request
+      // for its run must not fail.
+      event_active( &event_, EV_TIMEOUT, 0 );
    }
    pending_ = true;
    pendingAtOnce_ = atOnce;

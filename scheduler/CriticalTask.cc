@@ -4,7 +4,9 @@
 #include "scheduler/TaskAnchors.h"
 
 #include <atomic>
+#include <memory>
 #include <mutex>
+#include <new>
 #include <utility>
 
 #include <pthread.h>
@@ -40,16 +42,22 @@ struct Marker {
 
 Marker& marker() {
    static Marker* const theMarker = [] {
-      pthread_atfork( [] { marker().mutex.lock(); }, [] { marker().mutex.unlock(); },
-                      [] {
-                         // The other threads, and with them their shares, do not exist here.
-                         marker().count = runningCriticalTask ? 1 : 0;
-                         if( !runningCriticalTask ) {
-                            std::atomic_ref( assertNotRunningCriticalTaskFn ).store( nullptr );
-                         }
-                         marker().mutex.unlock();
-                      } );
-      return new Marker;
+      // Made first: handlers that were set twice would lock twice.
+      auto made = std::make_unique<Marker>();
+      const int error = pthread_atfork(
+            [] { marker().mutex.lock(); }, [] { marker().mutex.unlock(); },
+            [] {
+               // The other threads, and with them their shares, do not exist here.
+               marker().count = runningCriticalTask ? 1 : 0;
+               if( !runningCriticalTask ) {
+                  std::atomic_ref( assertNotRunningCriticalTaskFn ).store( nullptr );
+               }
+               marker().mutex.unlock();
+            } );
+      if( error != 0 ) {
+         throw std::bad_alloc();
+      }
+      return made.release();
    }();
    return *theMarker;
 }
@@ -70,6 +78,8 @@ CriticalTaskMarker::CriticalTaskMarker( bool critical ) : marked_( critical ) {
    // Readers take no lock.
    std::atomic_ref( assertNotRunningCriticalTaskFn ).store( &checkNotRunningCriticalTask );
 }
+
+void CriticalTaskMarker::prepare() { marker(); }
 
 CriticalTaskMarker::~CriticalTaskMarker() {
    if( marked_ ) {

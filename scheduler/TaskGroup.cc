@@ -201,8 +201,9 @@ void TaskGroup::taskGroupForceYieldInTestIs( bool force ) {
       return;
    }
    schedulerRoot()->sanityCheckCurrentRunningThread();
-   taskGroupForceYieldInTest_ = force;
+   // Before it is noted, for it may find no memory.
    parentScheduler_->taskForceYieldInTestNotify( parentTask_.get(), force );
+   taskGroupForceYieldInTest_ = force;
    if( !force && parentTask_->effectiveYieldRatio_ != 0 ) {
       // A ratio, such as forced members give it, keeps the task in the set without the switch.
       parentScheduler_->taskForceYieldInTestNotify( parentTask_.get(), true );

@@ -7,7 +7,6 @@
 #include <Oru/System.h>
 
 #include <ostream>
-#include <vector>
 
 namespace Quarn {
 
@@ -102,22 +101,25 @@ void TaskScheduler::schedulerBusyUpdate( const TaskTimeStamp& now ) {
    }
    // A callback may change the map, the state, and drop this scheduler.
    const std::shared_ptr<TaskScheduler> self = weak_from_this().lock();
-   std::vector<void*> keys;
-   keys.reserve( busyCallbacks_.size() );
-   for( const auto& entry : busyCallbacks_ ) {
-      keys.push_back( entry.first );
-   }
-   for( void* key : keys ) {
-      if( const auto entry = busyCallbacks_.find( key ); entry != busyCallbacks_.end() ) {
-         const std::function<void()> callback = entry->second;
-         callback();
+   const std::uint64_t last = busyCallbacksRegistered_;
+   for( auto entry = busyCallbacks_.begin(); entry != busyCallbacks_.end(); ) {
+      void* const key = entry->first;
+      if( entry->second.number <= last ) {
+         const std::shared_ptr<const std::function<void()>> callback = entry->second.function;
+         ( *callback )();
       }
+      entry = busyCallbacks_.upper_bound( key );
    }
 }
 
 void TaskScheduler::registerBusyCallback( void* key, std::function<void()> callback ) {
    root_->sanityCheckCurrentRunningThread();
-   busyCallbacks_.insert_or_assign( key, std::move( callback ) );
+   auto function = std::make_shared<const std::function<void()>>( std::move( callback ) );
+   BusyCallback& entry = busyCallbacks_[ key ];
+   if( !entry.function ) {
+      entry.number = ++busyCallbacksRegistered_;
+   }
+   entry.function = std::move( function );
 }
 
 void TaskScheduler::unregisterBusyCallback( void* key ) {

@@ -13,6 +13,7 @@
 
 #include <algorithm>
 #include <thread>
+#include <utility>
 
 #include <unistd.h>
 
@@ -304,10 +305,17 @@ void TaskSchedulerRoot::taskTestYieldRatioIs( unsigned char ratio ) {
       return;
    }
    sanityCheckCurrentRunningThread();
-   taskTestYieldRatio_ = ratio;
+   const std::uint8_t before = std::exchange( taskTestYieldRatio_, ratio );
    historyEvent( taskTimeNow(), ratio != 0 ? TaskSchedulerEventType::schedulerTestYieldRatioOn
                                            : TaskSchedulerEventType::schedulerTestYieldRatioOff );
-   _reevaluateYieldModes();
+   try {
+      _reevaluateYieldModes();
+   } catch( ... ) {
+      // For all tasks or for none.
+      taskTestYieldRatio_ = before;
+      _reevaluateYieldModes();
+      throw;
+   }
 }
 
 // ---------------------------------------------------------------------------------------- history

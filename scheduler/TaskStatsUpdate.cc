@@ -4,6 +4,8 @@
 
 #include "debug/Handlers.h"
 
+#include <new>
+
 namespace Quarn {
 
 namespace {
@@ -86,11 +88,19 @@ void TaskScheduler::updateCompletedTaskStats( TaskImpl* task ) {
       QUARN_STREAM_FAIL( "Task: " << task << " completedCount: " << stat.taskCompletedCount() );
    }
    stat.taskCompletedCountIs( 1 );
-   const auto [ entry, isNew ] = completedTaskStats_.try_emplace( stat.taskName(), stat );
-   if( !isNew ) {
-      entry->second += stat;
+   // Called by the task's destructor, which cannot fail: a record that finds no memory is left out,
+   // and so is its count.
+   std::uint64_t* place = nullptr;
+   try {
+      place = &completedTasksPerPriority_[ task->taskPriority() ];
+      const auto [ entry, isNew ] = completedTaskStats_.try_emplace( stat.taskName(), stat );
+      if( !isNew ) {
+         entry->second += stat;
+      }
+   } catch( const std::bad_alloc& ) {
+      return;
    }
-   std::uint64_t& count = completedTasksPerPriority_[ task->taskPriority() ];
+   std::uint64_t& count = *place;
    if( ++count == 0 ) {
       QUARN_STREAM_FAIL( "Priority: " << task->taskPriority() << " count: " << count );
    }

@@ -59,15 +59,16 @@ void TaskImpl::taskShouldYieldModeReevaluate() {
    const std::uint8_t wanted =
          taskTestYieldRatio_ != 0 ? taskTestYieldRatio_ : root.taskTestYieldRatio();
    const std::uint8_t before = effectiveYieldRatio_;
+   if( wanted != 0 && before == 0 ) {
+      // First, for it may find no memory.
+      scheduler_->taskForceYieldInTestNotify( this, true );
+   }
    if( wanted != before ) {
       effectiveYieldRatio_ = wanted;
       yieldCounter_ = 0;
    }
    if( wanted != 0 ) {
       taskShouldYieldMode_ = TaskShouldYieldMode::testRatio;
-      if( before == 0 ) {
-         scheduler_->taskForceYieldInTestNotify( this, true );
-      }
       return;
    }
    if( root.virtualTime() ) {
@@ -88,16 +89,21 @@ void TaskImpl::taskTestYieldRatioIs( unsigned char ratio ) {
       return;
    }
    _sanityCheck();
-   const bool was = taskTestYieldRatio_ != 0;
+   const unsigned char before = taskTestYieldRatio_;
    taskTestYieldRatio_ = ratio;
    // The root's own switch has events of its own and must not flood the ring with every task's.
-   if( was != ( ratio != 0 ) ) {
+   if( ( before != 0 ) != ( ratio != 0 ) ) {
       scheduler_->historyEvent( taskTimeNow(),
                                 ratio != 0 ? TaskSchedulerEventType::forceYieldOn
                                            : TaskSchedulerEventType::forceYieldOff,
                                 this );
    }
-   taskShouldYieldModeReevaluate();
+   try {
+      taskShouldYieldModeReevaluate();
+   } catch( ... ) {
+      taskTestYieldRatio_ = before;
+      throw;
+   }
 }
 
 void TaskImpl::taskForceYieldInTestIs( bool force ) { taskTestYieldRatioIs( force ? 1 : 0 ); }
@@ -109,8 +115,15 @@ void TaskScheduler::taskForceYieldInTestNotify( TaskImpl* task, bool on ) {
    } else {
       forcedYieldTasks_.erase( task );
    }
-   if( wasEmpty != forcedYieldTasks_.empty() ) {
+   if( wasEmpty == forcedYieldTasks_.empty() ) {
+      return;
+   }
+   try {
       handleTaskForceYieldInTest();
+   } catch( ... ) {
+      // A task that is not told of must not stay.
+      forcedYieldTasks_.erase( task );
+      throw;
    }
 }
 

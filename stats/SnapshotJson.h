@@ -106,9 +106,12 @@ struct TaskSchedulerPrintContext::Impl {
 
    // Writes a member whose value `render` appends to the `Json::Value` it is given: some `room`
    // bytes. When it fails with a standard exception, the value is an object with the one member
-   // "generalError" instead; any other ends the process.
+   // "generalError" instead; any other ends the process. With no memory for that either, the
+   // document ends here, as on a stream that fails.
    template<typename Render>
    void member( std::string_view name, std::size_t room, const Render& render ) noexcept;
+   template<typename Render>
+   void tryMember( std::string_view name, std::size_t room, const Render& render );
 
    // Closed behind the stream.
    OwnedDescriptor descriptor;
@@ -129,6 +132,17 @@ struct TaskSchedulerPrintContext::Impl {
 template<typename Render>
 void TaskSchedulerPrintContext::Impl::member( std::string_view name, std::size_t room,
                                               const Render& render ) noexcept {
+   try {
+      tryMember( name, room, render );
+   } catch( const std::exception& ) {
+      value.reset();
+      out.setstate( std::ios_base::badbit );
+   }
+}
+
+template<typename Render>
+void TaskSchedulerPrintContext::Impl::tryMember( std::string_view name, std::size_t room,
+                                                 const Render& render ) {
    Json::key( writer, name );
    // Writes what separates the value from what was before it; the value goes past the writer.
    writer.RawValue( "", 0, rapidjson::kObjectType );

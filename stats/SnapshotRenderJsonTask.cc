@@ -105,6 +105,11 @@ TaskScheduler::SnapshotRenderJsonTask::SnapshotRenderJsonTask(
         mode_( std::move( mode ) ),
         completion_( std::move( completion ) ),
         cleanUp_( std::move( cleanUp ) ) {
+   if( !context_.impl_->out ) {
+      // No memory for the beginning of the document: better told while the descriptor is the
+      // caller's.
+      throw std::bad_alloc();
+   }
    writeTask_ = std::allocate_shared<SnapshotWriteJsonTask>(
          Allocator<SnapshotWriteJsonTask>(), std::move( scheduler ), taskPriority(),
          taskName() + ":FdWrite", fd, [ this ] { writeComplete(); } );

@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <iostream>
 #include <iterator>
+#include <new>
 #include <optional>
 #include <sstream>
 
@@ -28,6 +29,14 @@ void putLine( std::ostream& out, Text& line ) {
    line.push_back( '\n' );
    put( out, line );
    out.flush();
+}
+
+// A stream in memory fails for want of it alone.
+String textOf( const std::ostringstream& out ) {
+   if( !out ) {
+      throw std::bad_alloc();
+   }
+   return String( out.view() );
 }
 
 double seconds( TaskStat::duration time ) { return static_cast<double>( time.count() ) / 1e9; }
@@ -238,7 +247,7 @@ String TaskSchedulerRoot::statsRenderTextForDebugToString( bool includeNoRuns,
    std::ostringstream out;
    statsRenderTextForDebug( out, includeNoRuns, includeCompleted, includeTaskKeys, includeHistory,
                             std::move( taskNameRegex ) );
-   return String( out.view() );
+   return textOf( out );
 }
 
 // Not through `FdToStream`, which refuses a standard error that somebody made non-blocking.
@@ -266,7 +275,7 @@ void TaskSchedulerRoot::historyRenderTextForDebug( int fd ) const {
 String TaskSchedulerRoot::historyRenderTextForDebugToString() const {
    std::ostringstream out;
    historyRenderTextForDebug( out );
-   return String( out.view() );
+   return textOf( out );
 }
 
 void TaskSchedulerRoot::historyRenderTextForDebugStdErr() const {

@@ -21,9 +21,11 @@
 #endif
 
 #include <algorithm>
+#include <charconv>
 #include <exception>
 #include <iostream>
 #include <iterator>
+#include <limits>
 #include <locale>
 #include <stdexcept>
 
@@ -160,6 +162,44 @@ std::size_t stackLeft() {
    return end != 0 && end < here ? std::min( here - end, maxStack ) : maxStack;
 }
 
+// Takes a number off the front of the text, if there is one; whether it does not fit an `int`.
+bool takeHugeNumber( std::string_view& text ) {
+   unsigned number = 0;
+   const auto [ end, error ] =
+         std::from_chars( text.data(), text.data() + text.size(), number, 10 );
+   text.remove_prefix( static_cast<std::size_t>( end - text.data() ) );
+   return error == std::errc::result_out_of_range || number > std::numeric_limits<int>::max();
+}
+
+// Whether a counted repeat or a back-reference has such a number: the compiler of <regex> does not
+// look, and goes on with another one. A brace in a set of characters is taken for a repeat, too.
+bool hasHugeNumber( std::string_view pattern ) {
+   while( !pattern.empty() ) {
+      const char c = pattern.front();
+      pattern.remove_prefix( 1 );
+      if( c == '{' ) {
+         std::string_view counts = pattern;
+         if( takeHugeNumber( counts ) ) {
+            return true;
+         }
+         if( counts.starts_with( ',' ) ) {
+            counts.remove_prefix( 1 );
+            if( takeHugeNumber( counts ) ) {
+               return true;
+            }
+         }
+      } else if( c == '\\' && !pattern.empty() ) {
+         // `\0` is a character, whatever digits follow.
+         std::string_view group = pattern;
+         if( group.front() != '0' && takeHugeNumber( group ) ) {
+            return true;
+         }
+         pattern.remove_prefix( 1 );
+      }
+   }
+   return false;
+}
+
 Regex compile( std::string_view pattern, std::regex_constants::syntax_option_type flags ) {
    Regex regex;
    // Before the pattern: the constructor takes the global locale, and imbuing later empties it.
@@ -179,6 +219,9 @@ struct TaskNameRegex::Expression {
           std::count( pattern.begin(), pattern.end(), '(' ) > maxGroups ||
           pattern.size() * stackPerCharacter + stackForRest > stackLeft() ) {
          throw std::length_error( "Regular expression is too long or too deeply nested." );
+      }
+      if( hasHugeNumber( pattern ) ) {
+         throw std::length_error( "Regular expression has a number that is too large." );
       }
       // Compiled as the backtracking form first, which alone says whether the pattern is valid.
       using namespace std::regex_constants;

@@ -8,6 +8,8 @@
 
 #include "debug/Handlers.h"
 
+#include <optional>
+
 namespace Quarn {
 
 namespace {
@@ -90,10 +92,14 @@ TaskScheduler::snapshot( String name, bool includeNoRuns, bool includeCompleted,
                          bool includeHistory, String taskNameRegex,
                          std::uint32_t displayOrder ) const {
    root_->sanityCheckCurrentRunningThread();
-   const TaskNameRegex filter( taskNameRegex );
+   // Making one may fail, which would be told of an expression that nobody gave.
+   std::optional<TaskNameRegex> filter;
+   if( !taskNameRegex.empty() ) {
+      filter.emplace( taskNameRegex );
+   }
    return std::allocate_shared<TaskSchedulerSnapshot>(
          Allocator<TaskSchedulerSnapshot>(), this, std::move( name ), includeNoRuns,
-         includeCompleted, includeHistory, taskNameRegex.empty() ? nullptr : &filter, displayOrder,
+         includeCompleted, includeHistory, filter ? &*filter : nullptr, displayOrder,
          root_->threadSanityDisabled() );
 }
 

@@ -7,6 +7,7 @@
 #include "timers/TimerTicks.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cmath>
 #include <cstdio>
 #include <utility>
@@ -97,6 +98,9 @@ TimerWheel::TimerWheel( Platform::EventPriority priority )
       : masterExpiry_( infinity ),
         master_( Platform::getTimerControl( this, priority ) ) {
    wheel_ = timeouts_open( ticksPerSecond, &error_ );
+   if( error_ == ENOMEM ) {
+      throw std::bad_alloc();
+   }
    if( error_ != 0 || !wheel_ ) {
       QUARN_FAIL( "TimerWheel", "Error code {}", error_ );
    }
@@ -162,7 +166,10 @@ void TimerWheel::timerStart( TimerWheelEvent* ev, double delay ) {
                 fmt::ptr( ev ), ticks, delay, expiry );
    timeouts_add( wheel_, ev, ticks );
    ev->_moves( TimerWheelState::notLinked, TimerWheelState::inTimerWheel );
-   if( masterExpiry_ > expiry ) {
+   if( masterExpiry_ <= expiry ) {
+      return;
+   }
+   try {
       // Not in a pass, which would deliver what is collected here instead of the next one.
       if( !pass_ ) {
          setMasterTimer();
@@ -172,6 +179,10 @@ void TimerWheel::timerStart( TimerWheelEvent* ev, double delay ) {
       if( masterExpiry_ > expiry ) {
          _masterIs( std::max( 0.0, expiry - time() ), expiry );
       }
+   } catch( ... ) {
+      // The event base has no memory for one more timer, and nobody would serve the event.
+      timerStop( ev );
+      throw;
    }
 }
 

@@ -7,7 +7,9 @@
 #include <boost/stacktrace.hpp>
 #include <deque>
 #include <iterator>
+#include <memory>
 #include <mutex>
+#include <new>
 #include <ostream>
 #include <pthread.h>
 #include <utility>
@@ -38,11 +40,15 @@ constinit std::atomic<bool> on{ false };
 // Never destroyed, as threads and destructors of statics may come late.
 Recorder& recorder() {
    static Recorder& theRecorder = []() -> Recorder& {
+      // Made first: handlers that were set twice would lock twice.
+      auto made = std::make_unique<Recorder>();
       // A child that is forked while another thread records has the mutex free and a list that
       // nobody was changing.
-      ::pthread_atfork( [] { recorder().mutex.lock(); }, [] { recorder().mutex.unlock(); },
-                        [] { recorder().mutex.unlock(); } );
-      return *new Recorder;
+      if( ::pthread_atfork( [] { recorder().mutex.lock(); }, [] { recorder().mutex.unlock(); },
+                            [] { recorder().mutex.unlock(); } ) != 0 ) {
+         throw std::bad_alloc();
+      }
+      return *made.release();
    }();
    return theRecorder;
 }

@@ -1,17 +1,21 @@
 #include "StringPool.h"
 
+#include <memory>
+#include <new>
 #include <pthread.h>
 
 namespace Quarn::Impl {
 
 StringPool& StringPool::instance() {
    static StringPool* const pool = [] {
-      auto* const made = new StringPool;
+      auto made = std::make_unique<StringPool>();
       // fork() copies locks as they are. Holding them all across it means that none was taken by a
       // thread that the child does not have, and that no set is copied half changed.
-      ::pthread_atfork( [] { instance()._lockAll(); }, [] { instance()._unlockAll(); },
-                        [] { instance()._unlockAll(); } );
-      return made;
+      if( ::pthread_atfork( [] { instance()._lockAll(); }, [] { instance()._unlockAll(); },
+                            [] { instance()._unlockAll(); } ) != 0 ) {
+         throw std::bad_alloc();
+      }
+      return made.release();
    }();
    return *pool;
 }

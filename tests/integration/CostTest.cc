@@ -10,6 +10,7 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <atomic>
 #include <random>
 
@@ -126,6 +127,28 @@ TEST( CostTest, HotPathsAllocateNothing ) {
                  }
               } ),
               0u );
+}
+
+TEST( CostTest, BusyCallbacksAllocateNothing ) {
+   const auto root = schedulerRootQuarnNonShared( "root" );
+   const auto task = std::make_shared<Counting>( root, TaskPriority::normal, "task" );
+   unsigned calls = 0;
+   char keys[ 3 ];
+   for( char& key : keys ) {
+      // More than a function object holds in place.
+      const std::array<unsigned, 16> much{ 1 };
+      root->registerBusyCallback( &key, [ &calls, much ] { calls += much[ 0 ]; } );
+   }
+   const auto run = [ & ]( int times ) {
+      for( int n = 0; n < times; ++n ) {
+         task->scheduleTask();
+         root->handleSchedulerRun();
+         root->handleSchedulerRun();
+      }
+   };
+   run( 10 );
+   EXPECT_EQ( allocationsOf( [ & ] { run( 1'000 ); } ), 0u );
+   EXPECT_EQ( calls, 2u * 3 * 1'010 );
 }
 
 TEST( CostTest, TimersAllocateNothing ) {

@@ -159,6 +159,19 @@ TEST( TaskNameRegexTest, HugePatternsAreRefused ) {
    }
 }
 
+TEST( TaskNameRegexTest, NumbersThatDoNotFitAreRefused ) {
+   // In 32 bits the first is 1 and the second negative; the third overflows 64.
+   for( std::string number : { "4294967297", "2147483648", "99999999999999999999" } ) {
+      for( std::string before : { "a{", "a{1,", "(a)\\", "\\\\{" } ) {
+         expectInvalid( before + number + "}",
+                        "Regular expression has a number that is too large." );
+      }
+      EXPECT_TRUE( passes( number, number ) );
+      EXPECT_TRUE( passes( "\\{" + number + "\\}", "{" + number + "}" ) );
+      EXPECT_TRUE( passes( "\\0" + number, std::string( 1, '\0' ) + number ) );
+   }
+}
+
 TEST( TaskNameRegexTest, HostileInputEndsOnASmallStack ) {
    onSmallStack( [] {
       const std::string name( 100'000, 'a' );

@@ -1,7 +1,8 @@
 // Counts what the program allocates.
 //
-// Linking this in replaces the global operator new; a sanitizer build, which has an operator new of
-// its own, counts through the hook of its allocator instead, and sees malloc as well.
+// Linking this in puts it between the program, its libraries included, and the allocator of the C
+// library, by which operator new comes as well; a sanitizer build, which has an allocator of its
+// own, counts through the hooks of that one.
 
 #pragma once
 
@@ -18,8 +19,11 @@
 
 namespace testing_support {
 
-// Allocations of all threads since the start.
+// Allocations of all threads since the start. Storage that is made larger counts anew.
 std::uint64_t allocations();
+
+// What all threads have allocated and not freed, in bytes as the allocator rounds them.
+std::int64_t liveBytes();
 
 // Those made while `body` runs.
 template<typename Body>

@@ -121,6 +121,8 @@ struct Scheduler {
    unsigned timers = 0;
    bool busy = false;
    unsigned busyChanges = 0;
+   // Whether somebody is called for each of them.
+   bool tellsBusy = false;
    bool multipleRuns = true;
    bool forceYield = false;
    std::set<Task*> forced;
@@ -159,6 +161,14 @@ inline unsigned Task::status() const {
           ( kind == Kind::groupParent ? 32u : 0u ) | ( under ? 64u : 0u );
 }
 
+// What the history holds of something that happened.
+struct Event {
+   std::int64_t when;
+   // As reports show it.
+   char const* what;
+   std::string whom;
+};
+
 // How often the rarer rules applied, so that a test can tell that it met them.
 struct Tally {
    std::uint64_t waysGiven = 0;
@@ -191,6 +201,8 @@ class Model {
    unsigned rootRatio = 0;
    bool runsCritical = false;
    Tally tally;
+   // Oldest first. A new ratio of the root reaches the groups in any order.
+   std::vector<Event> history;
 
    std::function<void( Task& )> onRun;
    std::function<void( Task& )> onBody;
@@ -214,6 +226,7 @@ class Model {
       }
       reconsiderRatio( t );
       s.registered.insert( s.registered.begin(), &t );
+      _happens( "create", t );
       return t;
    }
 
@@ -258,6 +271,7 @@ class Model {
 
    void unschedule( Task& t ) {
       if( t.queued ) {
+         _happens( "unschedule", t );
          _dequeue( t );
       }
       _tellBusy( t );
@@ -268,6 +282,7 @@ class Model {
          return;
       }
       t.suspended = on;
+      _happens( on ? "suspendOn" : "suspendOff", t );
       if( on ) {
          unschedule( t );
       } else if( !t.scheduled() ) {
@@ -287,6 +302,7 @@ class Model {
          return;
       }
       root.suspended = on;
+      _happens( on ? "schedulerSuspended" : "schedulerUnsuspended", root );
       if( !on ) {
          root.lastRunEnd = now;
          _request( root );
@@ -308,6 +324,7 @@ class Model {
          return;
       }
       if( t.queued ) {
+         _happens( "unschedule", t );
          _dequeue( t );
       }
       t.expiry = clock + delay;
@@ -315,11 +332,13 @@ class Model {
          t.timing = true;
          _countTimer( *t.scheduler, true );
       }
+      _happens( "timerStart", t );
       _tellBusy( t );
    }
 
    void stopTimer( Task& t ) {
       if( t.timing ) {
+         _happens( "timerStop", t );
          _stopTiming( t );
       }
       unschedule( t );
@@ -354,6 +373,9 @@ class Model {
 
    void ratioIs( Task& t, unsigned ratio ) {
       if( t.ratio != ratio ) {
+         if( ( t.ratio != 0 ) != ( ratio != 0 ) ) {
+            _happens( ratio != 0 ? "frcYieldOn" : "frcYieldOff", t );
+         }
          t.ratio = ratio;
          reconsiderRatio( t );
       }
@@ -364,6 +386,7 @@ class Model {
          return;
       }
       rootRatio = ratio;
+      _happens( ratio != 0 ? "schedulerTestYieldRatioOn" : "schedulerTestYieldRatioOff", root );
       for( const auto& t : tasks_ ) {
          reconsiderRatio( *t );
       }
@@ -456,6 +479,7 @@ class Model {
    bool step( Scheduler& s, unsigned maxPriority ) {
       s.longestGap = std::max( s.longestGap, now - s.lastRunEnd );
       if( root.suspended ) {
+         _happens( "schedulerRunIgnoredWhileSuspended", s );
          return false;
       }
       Task* t = _pick( s, critical, maxPriority );
@@ -482,9 +506,11 @@ class Model {
    }
 
    void runCriticalTasks() {
+      _happens( "schedulerRunCriticalStart", root );
       deliverTimers();
       while( step( root, critical ) && !root.suspended ) {
       }
+      _happens( "schedulerRunCriticalEnd", root );
    }
 
    // A run outside the loop; with `record`, one that the scheduler takes note of.
@@ -518,6 +544,13 @@ class Model {
  private:
    [[noreturn]] static void _impossible( char const* what ) { throw std::logic_error( what ); }
 
+   void _happens( char const* what, const Task& t ) {
+      history.push_back( { now, what, std::string{ "CAHNLS"[ t.priority ], ' ' } + t.name } );
+   }
+   void _happens( char const* what, const Scheduler& s ) {
+      history.push_back( { now, what, s.name } );
+   }
+
    template<typename Call>
    bool _holding( Scheduler& s, Call call ) {
       ++s.references;
@@ -534,17 +567,15 @@ class Model {
 
    void _taskGoes( Task& t ) {
       Scheduler& s = *t.scheduler;
-      if( t.timing ) {
-         _stopTiming( t );
+      if( t.kind == Kind::timer ) {
+         stopTimer( t );
       }
       ratioIs( t, 0 );
       if( t.ratioInForce != 0 ) {
          t.ratioInForce = 0;
          _forced( s, t, false );
       }
-      if( t.queued ) {
-         _dequeue( t );
-      }
+      unschedule( t );
       if( t.keptWhenGone ) {
          ++s.completed[ t.priority ];
          auto& [ count, runs ] = s.completedByName[ t.name ];
@@ -553,6 +584,7 @@ class Model {
       }
       std::erase( s.registered, &t );
       std::erase( s.toReset, &t );
+      _happens( "delete", t );
       onTaskGone( t );
       const bool referred = t.kind != Kind::statsReset;
       std::erase_if( tasks_, [ & ]( const auto& owner ) { return owner.get() == &t; } );
@@ -582,9 +614,14 @@ class Model {
    }
 
    void _enqueue( Task& t ) {
-      if( t.queued || t.suspended ) {
+      if( t.queued ) {
          return;
       }
+      if( t.suspended ) {
+         _happens( "scheduleSus", t );
+         return;
+      }
+      _happens( "schedule", t );
       t.queued = true;
       t.queuedSince = now;
       t.scheduler->queue[ t.priority ].push_back( &t );
@@ -600,9 +637,10 @@ class Model {
       t.counters.longestWait = std::max( t.counters.longestWait, t.counters.lastWait );
    }
 
-   static void _tellBusy( Task& t ) {
+   void _tellBusy( Task& t ) {
       if( t.scheduled() != t.toldBusy ) {
          t.toldBusy = !t.toldBusy;
+         _happens( t.toldBusy ? "busy" : "idle", t );
          ++t.busyCalls;
       }
    }
@@ -620,6 +658,7 @@ class Model {
          return;
       }
       s.hasWork = work;
+      _happens( work ? "schedulerHasRunnableTasks" : "schedulerHasNoRunnableTasks", s );
       if( work ) {
          s.lastRunEnd = now;
          _request( s );
@@ -627,25 +666,33 @@ class Model {
       _updateBusy( s );
    }
 
-   static void _updateBusy( Scheduler& s ) {
+   void _updateBusy( Scheduler& s ) {
       const bool busy = s.hasWork || s.timers > 0;
       if( busy != s.busy ) {
          s.busy = busy;
+         _happens( busy ? "schedulerBusy" : "schedulerIdle", s );
          ++s.busyChanges;
       }
    }
 
-   // A group with timers counts as one timer of its parent.
-   static void _countTimer( Scheduler& s, bool more ) {
+   // A group with timers counts as one timer of its parent, which whoever is told of the group's
+   // first finds counted.
+   void _countTimer( Scheduler& s, bool more ) {
       if( !more && s.timers == 0 ) {
          _impossible( "fewer timers than none" );
       }
       const bool had = s.timers > 0;
       s.timers = more ? s.timers + 1 : s.timers - 1;
       if( had != ( s.timers > 0 ) ) {
-         _updateBusy( s );
+         const bool parentFirst = more && s.tellsBusy;
+         if( !parentFirst ) {
+            _updateBusy( s );
+         }
          if( s.parent ) {
             _countTimer( *s.parent, more );
+         }
+         if( parentFirst ) {
+            _updateBusy( s );
          }
       }
    }
@@ -714,6 +761,7 @@ class Model {
 
    std::int64_t _run( Task& t ) {
       const std::int64_t start = now;
+      _happens( "run start", t );
       ++t.runsInProgress;
       ++depth_;
       tally.deepestRun = std::max( tally.deepestRun, depth_ );
@@ -755,6 +803,7 @@ class Model {
       } else if( used >= 2 * t.quantum ) {
          ++t.counters.twoQuanta;
       }
+      _happens( "run end", t );
       _tellBusy( t );
       _runEnds( t );
       return end;

@@ -27,8 +27,10 @@
 // descriptor again: data that nobody can read yet costs no turns of the loop.
 //
 // Ownership: the task is owned by shared pointers. The descriptor stays the caller's; forget it
-//            here (`taskWatchFdDel`, or by destroying the task) before closing it. A subclass that
-//            owns its descriptor forgets it in its destructor: its members go before this class.
+//            here (`taskWatchFdDel`, or by destroying the task) before closing it. A task that is
+//            dropped in its own run lives, and watches, until the run ends: call `taskWatchFdDel`
+//            before closing the descriptor there. A subclass that owns its descriptor forgets it in
+//            its destructor: its members go before this class.
 // Thread:    that of the scheduler's root.
 
 #pragma once

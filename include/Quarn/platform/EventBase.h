@@ -2,6 +2,11 @@
 //
 // Each thread has at most one base, made when it is first needed and kept until `leFree()` or the
 // end of the thread. Everything here acts on the calling thread's base.
+//
+// When memory is out: what libevent cannot do without is fatal, with its words or ours. The first
+// use that a thread makes of its base, its root or wheel, of virtual time, and the first exception
+// that leaves a task on it, note the end of the thread with the C library, which ends the process
+// when it finds no memory for that ("failed to register TLS destructor").
 
 #pragma once
 
@@ -17,7 +22,8 @@ namespace Quarn {
 // instead of once a turn, so that a delay counts from the moment at which it was asked for.
 //
 // Ownership: the caller's, until it is registered.
-// Errors: fatal ("Failed to create event_base").
+// Errors: fatal ("Failed to create event_base"; "libevent fatal error ..." when there are no
+//         descriptors for its signals, and then what it has open by then stays open).
 ORUQUARN_API event_base* leCreateBase();
 
 // Makes `base` the thread's base. It needs two event priorities. It stays the caller's: the end of

@@ -6,7 +6,8 @@
 // scheduler, a priority and a name return these, in either process mode.
 //
 // Ownership: by shared pointers only. The handler is held without ownership and must outlive the
-//            control; it may destroy the control that calls it.
+//            control; it may destroy the control that calls it. That one is disarmed when the
+//            handler returns; a handler that closes the descriptor calls `delFd` before.
 // Thread:    that of the scheduler's root.
 
 #pragma once

@@ -46,7 +46,8 @@ class ORUQUARN_API TaskImpl : public _TaskBase {
 
    // Unschedules and unregisters. The statistics are folded into the scheduler's completed ones
    // unless `includeInCompletedTaskIs( false )` was called; the status in that record is that of a
-   // plain task, for the derived part is gone by then.
+   // plain task, for the derived part is gone by then. The first record of a name that finds no
+   // memory is left out, uncounted.
    ~TaskImpl() override;
 
    // Queues the task; does nothing when it is queued already. A suspended task is not queued: it is

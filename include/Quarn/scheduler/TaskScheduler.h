@@ -133,7 +133,8 @@ class ORUQUARN_API TaskScheduler : public std::enable_shared_from_this<TaskSched
 
    // Has `callback` called whenever `busy()` changes, in the order of the keys; registering a key
    // again replaces its callback, and unregistering an unknown one does nothing. A callback may
-   // register, unregister, schedule and destroy anything.
+   // register, unregister, schedule and destroy anything; a key that is registered meanwhile is
+   // called from the next change on. Calling allocates nothing.
    //
    // Errors: an empty function raises `std::bad_function_call` when it is called. What a callback
    //         throws leaves the operation on the task that led to it; in the destructor of a timer
@@ -395,7 +396,14 @@ class ORUQUARN_API TaskScheduler : public std::enable_shared_from_this<TaskSched
    TaskImpl* currentlyRunningTask_ = nullptr;
    std::unordered_set<TaskImpl*> forcedYieldTasks_;
    bool suspended_ = false;
-   std::map<void*, std::function<void()>> busyCallbacks_;
+   struct BusyCallback {
+      // Shared with a call under way, which the callback may unregister.
+      std::shared_ptr<const std::function<void()>> function;
+      // Keys are counted as they come; a call under way passes over those that came later.
+      std::uint64_t number = 0;
+   };
+   std::map<void*, BusyCallback> busyCallbacks_;
+   std::uint64_t busyCallbacksRegistered_ = 0;
    bool busy_ = false;
    std::uint32_t timerRunningCount_ = 0;
    // Task groups under this scheduler, for most have none, and to look for them is to visit every

@@ -42,9 +42,10 @@ class ORUQUARN_API TaskNameRegex {
    // the classic locale: a character is a byte.
    //
    // Errors: none thrown. An expression that does not compile, has more than 2048 bytes or 256
-   //         opening parentheses, or becomes too large when its counted repeats are written out,
-   //         makes the filter invalid and is reported on standard error. So does one that needs
-   //         more stack than the thread has left; the largest takes 1.3 MiB.
+   //         opening parentheses or a number above 2147483647 for a repeat or a back-reference, or
+   //         becomes too large when its counted repeats are written out, makes the filter invalid
+   //         and is reported on standard error. So does one that needs more stack than the thread
+   //         has left; the largest takes 1.3 MiB.
    explicit TaskNameRegex( const String& pattern ) noexcept;
    ~TaskNameRegex();
 

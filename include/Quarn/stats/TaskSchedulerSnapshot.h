@@ -80,7 +80,8 @@ class ORUQUARN_API TaskSchedulerSnapshot {
    std::thread::id thread() const { return thread_; }
 
    // Writes a member: the scheduler's name, and the snapshot as an object. When that fails for want
-   // of memory or otherwise, the object has the one member "generalError" instead.
+   // of memory or otherwise, the object has the one member "generalError" instead; with no memory
+   // for that either, the document ends there, as on a stream that fails.
    //
    // Errors: ends the process when the document is closed already ("JSON already closed"), and on
    //         an exception that is not a `std::exception`.
