@@ -23,8 +23,11 @@ packages_of() {
    bench) echo libbenchmark-dev ;;
    demo) echo python3 ;;
    format) echo clang-format-14 ;;
+   lint) echo clang-tidy-14 cppcheck ;;
+   coverage) echo gcovr ;;
+   fuzz) echo clang-14 libclang-rt-14-dev ;;
    ci) echo clang-14 clang-format-14 libclang-rt-14-dev ;;
-   *) die "unknown need '$1' (there are: build test bench demo format ci)" ;;
+   *) die "unknown need '$1' (there are: build test bench demo format lint coverage fuzz ci)" ;;
    esac
 }
 
@@ -95,11 +98,13 @@ build_preset() {
    cmake --build --preset "$preset" --parallel "$jobs" ${1:+--target "$@"}
 }
 
-# An optimised build without tests and benchmarks, for the demonstration and for installing.
+# An optimised build without tests and benchmarks, for the demonstration, for installing and, with
+# more options, for the proof.
 lean_build=$root/build/lean
+lean_options=()
 build_lean() {
    cmake -S "$root" -B "$lean_build" -G Ninja -DCMAKE_BUILD_TYPE=Release \
-      -DORUQUARN_WERROR=ON -DORUQUARN_TESTS=OFF -DORUQUARN_BENCH=OFF -DORUQUARN_EXAMPLES=ON -DORUQUARN_TOOLS=ON
+      -DORUQUARN_WERROR=ON -DORUQUARN_TESTS=OFF -DORUQUARN_BENCH=OFF -DORUQUARN_EXAMPLES=ON -DORUQUARN_TOOLS=ON "${lean_options[@]}"
    cmake --build "$lean_build" --parallel "$jobs" ${1:+--target "$@"}
 }
 

@@ -45,6 +45,8 @@ HEIGHT = {
     "tests": 12,
     "bench": 12,
     "fuzz": 12,
+    # The proof runs what the tests have.
+    "prove": 13,
 }
 UMBRELLA = "umbrella"
 
@@ -78,7 +80,7 @@ TOP_HEADERS = {
 }
 
 # The storeys that include umbrella headers, as users do.
-LIKE_USERS = ("tools", "examples", "tests", "bench", "fuzz")
+LIKE_USERS = ("tools", "examples", "tests", "bench", "fuzz", "prove")
 
 STAND_INS = ("base", "oru", "netns", "timeout")
 SUFFIXES = (".h", ".cc", ".c")
