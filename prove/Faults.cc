@@ -1,0 +1,414 @@
+#include "prove/Faults.h"
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include <dirent.h>
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <sched.h>
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <sys/mman.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+// Everybody's, in a library whose own functions are hidden.
+#pragma GCC visibility push( default )
+
+namespace {
+
+constexpr int none = -2;
+
+constinit char names[ 64 ] = "";
+constinit int failure = 0;
+constinit int firstFailing = 0;
+constinit int failingTimes = 0;
+constinit int counted = 0;
+constinit int hits = 0;
+constinit bool namespacesAreFree = false;
+constinit thread_local bool armed = false;
+
+// Whether `name` is one of those between the bars.
+bool isNamed( char const* name ) {
+   const std::size_t size = std::strlen( name );
+   for( char const* at = names; at; ) {
+      char const* const end = std::strchr( at, '|' );
+      const std::size_t length = end ? static_cast<std::size_t>( end - at ) : std::strlen( at );
+      if( length == size && std::strncmp( at, name, size ) == 0 ) {
+         return true;
+      }
+      at = end ? end + 1 : nullptr;
+   }
+   return false;
+}
+
+// The error with which this call fails, or `none`. `errno` is set.
+int faultOf( char const* name ) {
+   if( !armed || names[ 0 ] == '\0' || !isNamed( name ) ) {
+      return none;
+   }
+   ++counted;
+   if( counted < firstFailing || counted >= firstFailing + failingTimes ) {
+      return none;
+   }
+   ++hits;
+   if( failure > 0 ) {
+      errno = failure;
+   }
+   return failure;
+}
+
+template<typename Function>
+Function* realOf( Function* /* of the same type */, char const* name ) {
+   return reinterpret_cast<Function*>( dlsym( RTLD_NEXT, name ) );
+}
+
+// For the form of the environment.
+[[gnu::constructor]] void readEnvironment() {
+   char const* const text = std::getenv( "PROVE_FAULTS" );
+   char name[ sizeof( names ) ];
+   int error = 0;
+   int nth = 1;
+   if( text && std::sscanf( text, "%63[^:]:%d:%d", name, &error, &nth ) >= 2 ) {
+      proveFaultIs( name, error, nth, 1 );
+      armed = true;
+   }
+}
+
+} // namespace
+
+// Answers like the call itself: 0 for one that only pretends, else -1 or null.
+#define FAIL_OR_PRETEND( name )                      \
+   do {                                              \
+      const int fault = faultOf( name );             \
+      if( fault != none ) {                          \
+         return fault == proveFaultPretend ? 0 : -1; \
+      }                                              \
+   } while( false )
+#define FAIL_AS_NULL( name )          \
+   do {                               \
+      if( faultOf( name ) != none ) { \
+         return nullptr;              \
+      }                               \
+   } while( false )
+// A static pointer without a guard: two threads find the same.
+#define REAL( name )                        \
+   static decltype( &name ) real = nullptr; \
+   if( !real ) {                            \
+      real = realOf( &name, #name );        \
+   }
+
+extern "C" {
+
+void proveFaultIs( char const* call, int error, int nth, int times ) {
+   std::snprintf( names, sizeof( names ), "%s", call );
+   failure = error;
+   firstFailing = nth;
+   failingTimes = times;
+   counted = 0;
+   hits = 0;
+}
+
+void proveFaultsArmed( bool on ) { armed = on; }
+
+void proveNamespacesAreFree( bool on ) { namespacesAreFree = on; }
+
+int proveFaultHits() { return hits; }
+
+// -------------------------------------------------------------------------------- files by a path
+
+int open( char const* path, int flags, ... ) {
+   REAL( open );
+   FAIL_OR_PRETEND( "open" );
+   va_list arguments;
+   va_start( arguments, flags );
+   const mode_t mode = ( flags & ( O_CREAT | O_TMPFILE ) ) != 0 ? va_arg( arguments, mode_t ) : 0;
+   va_end( arguments );
+   if( armed && namespacesAreFree && std::strcmp( path, "/proc/1/ns/net" ) == 0 ) {
+      path = "/proc/self/ns/net";
+   }
+   return real( path, flags, mode );
+}
+
+FILE* fopen( char const* path, char const* mode ) {
+   REAL( fopen );
+   FAIL_AS_NULL( "fopen" );
+   return real( path, mode );
+}
+
+FILE* fopen64( char const* path, char const* mode ) {
+   REAL( fopen64 );
+   FAIL_AS_NULL( "fopen" );
+   return real( path, mode );
+}
+
+DIR* opendir( char const* path ) {
+   REAL( opendir );
+   FAIL_AS_NULL( "opendir" );
+   return real( path );
+}
+
+int stat( char const* path, struct stat* status ) noexcept {
+   static int ( *real )( char const*, struct stat* ) = nullptr;
+   if( !real ) {
+      real = realOf( real, "stat" );
+   }
+   FAIL_OR_PRETEND( "stat" );
+   return real( path, status );
+}
+
+int mkdir( char const* path, mode_t mode ) noexcept {
+   REAL( mkdir );
+   FAIL_OR_PRETEND( "mkdir" );
+   return real( path, mode );
+}
+
+int rmdir( char const* path ) noexcept {
+   REAL( rmdir );
+   FAIL_OR_PRETEND( "rmdir" );
+   return real( path );
+}
+
+int unlink( char const* path ) noexcept {
+   REAL( unlink );
+   FAIL_OR_PRETEND( "unlink" );
+   return real( path );
+}
+
+int chmod( char const* path, mode_t mode ) noexcept {
+   REAL( chmod );
+   FAIL_OR_PRETEND( "chmod" );
+   return real( path, mode );
+}
+
+ssize_t readlink( char const* path, char* target, std::size_t size ) noexcept {
+   REAL( readlink );
+   FAIL_OR_PRETEND( "readlink" );
+   return real( path, target, size );
+}
+
+char* getcwd( char* path, std::size_t size ) noexcept {
+   REAL( getcwd );
+   FAIL_AS_NULL( "getcwd" );
+   return real( path, size );
+}
+
+// ------------------------------------------------------------------------- what is open already
+
+int close( int fd ) {
+   REAL( close );
+   const int fault = faultOf( "close" );
+   const int result = real( fd );
+   if( fault == none ) {
+      return result;
+   }
+   errno = fault;
+   return -1;
+}
+
+int fclose( FILE* file ) {
+   REAL( fclose );
+   const int fault = faultOf( "fclose" );
+   const int result = real( file );
+   if( fault == none ) {
+      return result;
+   }
+   errno = fault;
+   return EOF;
+}
+
+int closedir( DIR* stream ) {
+   REAL( closedir );
+   const int fault = faultOf( "closedir" );
+   const int result = real( stream );
+   if( fault == none ) {
+      return result;
+   }
+   errno = fault;
+   return -1;
+}
+
+dirent* readdir( DIR* stream ) {
+   REAL( readdir );
+   FAIL_AS_NULL( "readdir" );
+   return real( stream );
+}
+
+ssize_t read( int fd, void* bytes, std::size_t size ) {
+   REAL( read );
+   FAIL_OR_PRETEND( "read" );
+   return real( fd, bytes, size );
+}
+
+ssize_t write( int fd, void const* bytes, std::size_t size ) {
+   REAL( write );
+   // Traces go to standard error in the midst of everything.
+   const int fault = faultOf( fd == STDERR_FILENO ? "write(stderr)" : "write" );
+   if( fault == proveFaultHalf ) {
+      return real( fd, bytes, size / 2 );
+   }
+   if( fault != none ) {
+      return fault == proveFaultPretend ? 0 : -1;
+   }
+   return real( fd, bytes, size );
+}
+
+int fstat( int fd, struct stat* status ) noexcept {
+   static int ( *real )( int, struct stat* ) = nullptr;
+   if( !real ) {
+      real = realOf( real, "fstat" );
+   }
+   FAIL_OR_PRETEND( "fstat" );
+   return real( fd, status );
+}
+
+int ftruncate( int fd, off_t size ) noexcept {
+   REAL( ftruncate );
+   FAIL_OR_PRETEND( "ftruncate" );
+   return real( fd, size );
+}
+
+int fcntl( int fd, int command, ... ) {
+   REAL( fcntl );
+   va_list arguments;
+   va_start( arguments, command );
+   void* const argument = va_arg( arguments, void* );
+   va_end( arguments );
+   char const* const name = command == F_GETFL       ? "fcntl(F_GETFL)"
+                            : command == F_SETFL     ? "fcntl(F_SETFL)"
+                            : command == F_SETFD     ? "fcntl(F_SETFD)"
+                            : command == F_OFD_SETLK ? "fcntl(F_OFD_SETLK)"
+                                                     : "fcntl";
+   FAIL_OR_PRETEND( name );
+   return real( fd, command, argument );
+}
+
+// ---------------------------------------------------------------------------- sockets, namespaces
+
+int socket( int domain, int type, int protocol ) noexcept {
+   REAL( socket );
+   FAIL_OR_PRETEND( "socket" );
+   return real( domain, type, protocol );
+}
+
+int bind( int sd, sockaddr const* address, socklen_t size ) noexcept {
+   REAL( bind );
+   FAIL_OR_PRETEND( "bind" );
+   return real( sd, address, size );
+}
+
+int setsockopt( int sd, int level, int option, void const* value, socklen_t size ) noexcept {
+   REAL( setsockopt );
+   FAIL_OR_PRETEND( "setsockopt" );
+   return real( sd, level, option, value, size );
+}
+
+int setns( int fd, int type ) noexcept {
+   REAL( setns );
+   FAIL_OR_PRETEND( "setns" );
+   if( armed && namespacesAreFree ) {
+      return 0;
+   }
+   return real( fd, type );
+}
+
+// --------------------------------------------------------------------------------- events, memory
+
+int epoll_create( int size ) noexcept {
+   REAL( epoll_create );
+   FAIL_OR_PRETEND( "epoll_create" );
+   return real( size );
+}
+
+int epoll_create1( int flags ) noexcept {
+   REAL( epoll_create1 );
+   FAIL_OR_PRETEND( "epoll_create1" );
+   return real( flags );
+}
+
+int epoll_ctl( int ep, int operation, int fd, epoll_event* event ) noexcept {
+   REAL( epoll_ctl );
+   FAIL_OR_PRETEND( operation == EPOLL_CTL_DEL ? "epoll_ctl(EPOLL_CTL_DEL)" : "epoll_ctl" );
+   return real( ep, operation, fd, event );
+}
+
+int epoll_wait( int ep, epoll_event* events, int most, int milliseconds ) {
+   REAL( epoll_wait );
+   FAIL_OR_PRETEND( "epoll_wait" );
+   return real( ep, events, most, milliseconds );
+}
+
+int eventfd( unsigned value, int flags ) noexcept {
+   REAL( eventfd );
+   FAIL_OR_PRETEND( "eventfd" );
+   return real( value, flags );
+}
+
+int socketpair( int domain, int type, int protocol, int* ends ) noexcept {
+   REAL( socketpair );
+   FAIL_OR_PRETEND( "socketpair" );
+   return real( domain, type, protocol, ends );
+}
+
+int pipe( int* ends ) noexcept {
+   REAL( pipe );
+   FAIL_OR_PRETEND( "pipe" );
+   return real( ends );
+}
+
+int pipe2( int* ends, int flags ) noexcept {
+   REAL( pipe2 );
+   FAIL_OR_PRETEND( "pipe2" );
+   return real( ends, flags );
+}
+
+int ppoll( pollfd* entries, nfds_t count, timespec const* wait, sigset_t const* mask ) {
+   REAL( ppoll );
+   FAIL_OR_PRETEND( "ppoll" );
+   return real( entries, count, wait, mask );
+}
+
+void* mmap( void* address, std::size_t size, int protection, int flags, int fd,
+            off_t offset ) noexcept {
+   REAL( mmap );
+   if( faultOf( "mmap" ) != none ) {
+      return MAP_FAILED;
+   }
+   return real( address, size, protection, flags, fd, offset );
+}
+
+int madvise( void* address, std::size_t size, int advice ) noexcept {
+   REAL( madvise );
+   FAIL_OR_PRETEND( "madvise" );
+   return real( address, size, advice );
+}
+
+void* dlopen( char const* file, int mode ) noexcept {
+   REAL( dlopen );
+   FAIL_AS_NULL( "dlopen" );
+   return real( file, mode );
+}
+
+long syscall( long number, ... ) noexcept {
+   REAL( syscall );
+   long a[ 6 ];
+   va_list arguments;
+   va_start( arguments, number );
+   for( long& argument : a ) {
+      argument = va_arg( arguments, long );
+   }
+   va_end( arguments );
+   FAIL_OR_PRETEND( number == SYS_kcmp ? "syscall(SYS_kcmp)" : "syscall" );
+   return real( number, a[ 0 ], a[ 1 ], a[ 2 ], a[ 3 ], a[ 4 ], a[ 5 ] );
+}
+
+} // extern "C"
+
+#pragma GCC visibility pop

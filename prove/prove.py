@@ -1,0 +1,329 @@
+#!/usr/bin/env python3
+"""Runs the rows of the proof, prints one table of them and writes it as JSON.
+
+    prove.py --build FOLDER [--fast | --long] [--rows 5,6,9] [--json FILE] [--seed S] [--shuffle]
+
+scripts/prove builds and calls it. Exits 0 when every row that ran has met its goal, else 1.
+"""
+
+import argparse
+import concurrent.futures
+import json
+import os
+import random
+import re
+import subprocess
+import sys
+import time
+from dataclasses import dataclass, field
+from pathlib import Path
+
+ROOT = Path(__file__).resolve().parent.parent
+TIERS = ("fast", "default", "long")
+
+# More than any row needs on two cores, so that one that hangs is told and ends.
+LONGEST = {"fast": 240, "default": 2400, "long": 4 * 3600}
+
+
+@dataclass
+class Outcome:
+    row: int
+    name: str
+    ok: bool
+    figure: str
+    goal: str
+    repeat: str
+    count: str = "whole"
+    seconds: float = 0.0
+
+
+@dataclass
+class Program:
+    """A row that a program of this folder makes: its name, and the count of each tier."""
+
+    row: int
+    name: str
+    goal: str
+    counts: dict = field(default_factory=dict)  # of a tier that takes less than the whole
+    first: str = "fast"  # the first tier that runs it
+    build: str = ""  # another build than the common one
+
+
+PROGRAMS = [
+    Program(3, "threads", "0 races; descriptors and memory back to the start", first="default",
+            build="tsan"),
+    Program(5, "allocation_failures", "std::bad_alloc or a documented end at every point"),
+    Program(6, "system_calls", "at least 150 pairs, each as documented"),
+    Program(7, "scheduler", "no difference", {"fast": 100_000}),
+    Program(8, "timers", "none early, none lost", {"fast": 1_000_000}),
+    Program(9, "allocations", "0"),
+    Program(10, "forks", "0 wake-ups missed", {"fast": 100}),
+    Program(11, "soak", "memory slope 0, counters equal, under a minute", first="default"),
+    Program(12, "clock_steps", "no timer early or lost"),
+    Program(13, "descriptors", "no event to the wrong owner, none lost", {"fast": 10_000}),
+]
+
+
+class Proof:
+    def __init__(self, options):
+        self.tier = options.tier
+        self.seed = options.seed
+        self.build = options.build.resolve()
+        self.limit = LONGEST[self.tier]
+
+    def runs_in(self, first):
+        return TIERS.index(self.tier) >= TIERS.index(first)
+
+    def run(self, command, **environment):
+        """Output and exit status of a command; None for the status when it was ended."""
+        try:
+            done = subprocess.run(
+                [str(word) for word in command],
+                cwd=ROOT,
+                env={**os.environ, **environment},
+                stdin=subprocess.DEVNULL,
+                stdout=subprocess.PIPE,
+                stderr=subprocess.STDOUT,
+                timeout=self.limit,
+                errors="replace",
+                check=False,
+            )
+        except subprocess.TimeoutExpired as late:
+            said = late.stdout or b""
+            return said.decode(errors="replace") if isinstance(said, bytes) else said, None
+        return done.stdout, done.returncode
+
+    def program(self, row):
+        folder = ROOT / "build" / row.build if row.build else self.build
+        command = [folder / "prove" / f"prove_{row.name}"]
+        count = row.counts.get(self.tier)
+        if count:
+            command += ["--count", count]
+        if self.seed is not None:
+            command += ["--seed", self.seed]
+        said, status = self.run(command)
+        lines = said.strip().splitlines() or [""]
+        # The first line is the command that repeats the run; the row is the last, but for what a
+        # sanitizer says at the end.
+        repeat = lines[0] if "prove_" in lines[0] else " ".join(map(str, command))
+        row_lines = [line for line in lines if line.startswith('{"row"')] or [""]
+        try:
+            told = json.loads(row_lines[-1])
+            figure, ok = told["figure"], bool(told["ok"]) and status == 0
+            repeat, goal = told["repeat"], told["goal"]
+        except (ValueError, KeyError, TypeError):
+            figure, ok, goal = ended(status), False, row.goal
+        if not ok:
+            tell(f"{row.name} said", said)
+        return Outcome(row.row, row.name, ok, figure, goal, repeat,
+                       f"{count:,}" if count else "whole")
+
+    # Row 1.
+    def coverage(self):
+        return [coverage_of(self)]
+
+    # Row 2.
+    def tools(self):
+        outcomes = [
+            self.suite("asan-ubsan", "reports of ASan, UBSan, LSan"),
+            self.suite("tsan", "reports of TSan"),
+            self.findings("clang-tidy", ["scripts/lint", "clang-tidy"]),
+            self.findings("cppcheck", ["scripts/lint", "cppcheck"]),
+        ]
+        if self.runs_in("long"):
+            outcomes.append(self.valgrind())
+        return outcomes
+
+    def suite(self, preset, name):
+        said, status = self.run(["scripts/test"], PRESET=preset)
+        return self.of_suite(2, name, said, status, f"PRESET={preset} scripts/test")
+
+    def valgrind(self):
+        command = ["scripts/test", "-T", "MemCheck", "--timeout", "1200"]
+        said, status = self.run(command, PRESET="debug")
+        return self.of_suite(2, "reports of valgrind", said, status,
+                             "PRESET=debug " + " ".join(command))
+
+    def of_suite(self, row, name, said, status, repeat):
+        found = re.search(r"(\d+)% tests passed, (\d+) tests failed out of (\d+)", said)
+        ok = status == 0 and found is not None
+        figure = f"{found[2]} in {found[3]} cases" if found else ended(status)
+        if not ok:
+            tell(name, said)
+        return Outcome(row, name, ok, figure, "0", repeat)
+
+    def findings(self, name, command):
+        said, status = self.run(command)
+        count = len(re.findall(r": (?:warning|error|style|performance|portability): ", said))
+        ok = status == 0 and count == 0
+        if not ok:
+            tell(name, said)
+        return Outcome(2, f"findings of {name}", ok, str(count) if count else ended(status, "0"),
+                       "0", " ".join(command))
+
+    # Row 4.
+    def fuzz(self):
+        if not self.runs_in("default"):
+            return [self.corpus()]
+        said, status = self.run(["scripts/fuzz"])
+        if status != 0:
+            tell("fuzz", said)
+        verdicts = [line for line in said.splitlines() if re.search(r"\b(ok|clean|FOUND)\b", line)]
+        return [Outcome(4, "fuzz targets", status == 0, f"{len(verdicts)} targets, exit {status}",
+                        "0 crashes, 0 hangs", "scripts/fuzz", "60 s each")]
+
+    def corpus(self):
+        """What is kept of earlier runs, by programs without the fuzzer."""
+        folders = sorted(path for path in (ROOT / "fuzz" / "corpus").iterdir() if path.is_dir())
+        inputs, failed = 0, []
+        for folder in folders:
+            said, status = self.run([self.build / "fuzz" / f"fuzz_{folder.name}", folder])
+            inputs += len(list(folder.iterdir()))
+            if status != 0:
+                failed.append(folder.name)
+                tell(f"fuzz_{folder.name}", said)
+        figure = f"failed: {', '.join(failed)}" if failed else (
+            f"{len(folders)} targets, {inputs} inputs, 0 crashes")
+        return Outcome(4, "fuzz targets", not failed, figure, "0 crashes, 0 hangs",
+                       "scripts/prove --fast --rows 4", "corpus")
+
+    # Row 14.
+    def flakes(self):
+        failed, times = [], 50
+        load = [subprocess.Popen([sys.executable, "-c", "while True: pass"])
+                for _ in range(os.cpu_count() or 1)]
+        fast = [sys.executable, __file__, "--build", self.build, "--fast", "--shuffle"]
+        suite = ["ctest", "--preset", "debug", "--schedule-random"]
+        try:
+            for turn in range(times):
+                for command in (fast, suite):
+                    said, status = self.run(command)
+                    if status != 0:
+                        failed.append(turn)
+                        tell(f"run {turn}", said)
+        finally:
+            for process in load:
+                process.kill()
+                process.wait()
+        return [Outcome(14, "flakes", not failed, f"{len(failed)} failures", "0 failures",
+                        "scripts/prove --long --rows 14", f"{times} times, beside load")]
+
+    def rows(self, wanted):
+        """What to run, cheapest first within a tier."""
+        made = {1: ("default", self.coverage), 2: ("default", self.tools),
+                4: ("fast", self.fuzz), 14: ("long", self.flakes)}
+        for row in PROGRAMS:
+            made[row.row] = (row.first, lambda row=row: [self.program(row)])
+        return {
+            number: call
+            for number, (first, call) in sorted(made.items())
+            if self.runs_in(first) and (not wanted or number in wanted)
+        }
+
+
+def coverage_of(proof):
+    """Lines and branches of each folder, by gcovr over the whole suite."""
+    strict = {"scheduler", "timers", "fdtask", "stats"}
+    said, status = proof.run(["scripts/coverage", "--json"])
+    try:
+        folders = json.loads(said.strip().splitlines()[-1])
+    except (ValueError, IndexError):
+        tell("coverage", said)
+        return Outcome(1, "coverage", False, ended(status), "lines / branches",
+                       "scripts/coverage")
+    missed = []
+    for folder, (line, branch) in sorted(folders.items()):
+        goal = (97, 90) if folder in strict else (93, 85)
+        if line < goal[0] or branch < goal[1]:
+            missed.append(f"{folder} {line:.1f}/{branch:.1f}")
+    lowest = min(folders.items(), key=lambda item: item[1])
+    figure = ("below: " + ", ".join(missed)) if missed else (
+        f"lowest {lowest[0]} {lowest[1][0]:.1f}/{lowest[1][1]:.1f}")
+    return Outcome(1, "coverage", status == 0 and not missed, figure,
+                   "97/90 core, 93/85 elsewhere", "scripts/coverage")
+
+
+def ended(status, well="nothing said"):
+    if status is None:
+        return "did not end in time"
+    return well if status == 0 else f"ended with {status}"
+
+
+def tell(who, said):
+    tail = "\n".join(said.strip().splitlines()[-60:])
+    print(f"\n---- {who}:\n{tail}\n----", file=sys.stderr, flush=True)
+
+
+def table(outcomes):
+    head = ("row", "what", "figure", "goal", "count", "time", "")
+    lines = [head] + [
+        (str(o.row), o.name, o.figure, o.goal, o.count, f"{o.seconds:.0f} s",
+         "ok" if o.ok else "MISSED")
+        for o in outcomes
+    ]
+    widths = [max(len(line[column]) for line in lines) for column in range(len(head))]
+    for line in lines:
+        print("  ".join(text.ljust(width) for text, width in zip(line, widths)).rstrip())
+    print("\nto repeat")
+    for o in outcomes:
+        print(f"  {o.row:2}  {o.repeat}")
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__.split("\n", 1)[0])
+    parser.add_argument("--build", type=Path, required=True)
+    tier = parser.add_mutually_exclusive_group()
+    tier.add_argument("--fast", dest="tier", action="store_const", const="fast")
+    tier.add_argument("--long", dest="tier", action="store_const", const="long")
+    parser.add_argument("--rows", default="")
+    parser.add_argument("--json", type=Path)
+    parser.add_argument("--seed", type=int)
+    parser.add_argument("--shuffle", action="store_true", help="rows in random order")
+    parser.set_defaults(tier="default")
+    options = parser.parse_args()
+    try:
+        wanted = {int(number) for number in options.rows.split(",") if number}
+    except ValueError:
+        parser.error(f"--rows takes numbers between commas, not '{options.rows}'")
+
+    proof = Proof(options)
+    rows = proof.rows(wanted)
+    if not rows or wanted - set(rows):
+        lacking = ", ".join(str(row) for row in sorted(wanted - set(rows)))
+        parser.error(f"the {options.tier} tier has no row {lacking}")
+
+    def timed(call):
+        begin = time.monotonic()
+        outcomes = call()
+        for outcome in outcomes:
+            outcome.seconds = time.monotonic() - begin
+        return outcomes
+
+    if options.shuffle:
+        numbers = list(rows)
+        random.shuffle(numbers)
+        rows = {number: rows[number] for number in numbers}
+
+    # Builds and suites take all cores; programs of one thread go side by side.
+    alone = [number for number in rows if number in (1, 2, 4, 14)]
+    outcomes = []
+    with concurrent.futures.ThreadPoolExecutor(os.cpu_count() or 1) as pool:
+        for made in pool.map(timed, [rows[n] for n in rows if n not in alone]):
+            outcomes += made
+    for number in alone:
+        outcomes += timed(rows[number])
+    outcomes.sort(key=lambda outcome: outcome.row)
+
+    print(f"tier {options.tier}\n")
+    table(outcomes)
+    if options.json:
+        options.json.write_text(
+            json.dumps([{"tier": options.tier, **vars(o)} for o in outcomes], indent=2) + "\n",
+            encoding="utf-8")
+    missed = [str(o.row) for o in outcomes if not o.ok]
+    print(f"\n{len(outcomes)} rows, " + (f"missed: {', '.join(missed)}" if missed else "all met"))
+    return 1 if missed else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
