@@ -1,5 +1,6 @@
 // What happens when memory runs out: one case for each thing that once went wrong then.
 
+#include "support/AllocationCount.h"
 #include "support/FailingMemory.h"
 #include "support/Tasks.h"
 
