@@ -55,7 +55,7 @@ DirNode::DirNode( DirNode&& other ) noexcept
 
 DirNode::~DirNode() {
    QUARN_TRACE( *this, 9, className, "path: {}", path_ );
-   _closeStream();
+   _closeStream( "~DirNode" );
 }
 
 void DirNode::pathIs( const String& path ) {
@@ -65,7 +65,7 @@ void DirNode::pathIs( const String& path ) {
 }
 
 void DirNode::openDir() {
-   _closeStream();
+   _closeStream( __func__ );
    stream_ = opendir( path_.c_str() );
    if( !stream_ ) {
       const int error = errno;
@@ -127,13 +127,14 @@ std::vector<String> DirNode::findFiles( const String& extension ) const {
 }
 
 // The directory is closed from within other work, so `errno` stays what it was.
-void DirNode::_closeStream() {
+void DirNode::_closeStream( char const* function ) {
    if( !stream_ ) {
       return;
    }
    const int before = errno;
    if( closedir( std::exchange( stream_, nullptr ) ) != 0 ) {
-      QUARN_TRACE( *this, 1, className, "failed to close {} errno: {}", path_, strerror( errno ) );
+      QUARN_TRACE_AS( *this, 1, className, function, "failed to close {} errno: {}", path_,
+                      strerror( errno ) );
    }
    errno = before;
 }

@@ -29,7 +29,8 @@ void Impl::makeIntrospectionMap() {
 
 void IntrospectionMap::insert( const String& typeName, Render render ) {
    if( !render ) {
-      QUARN_FAIL( "IntrospectionMap", "render function of {} is null", typeName );
+      QUARN_FAIL_ON( Platform::utilHandler, "IntrospectionMap", "render function of {} is null",
+                     typeName );
    }
    const Platform::Loco::Guard guard;
    theMap->emplace( typeName, render );

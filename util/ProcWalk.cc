@@ -23,7 +23,7 @@ ProcWalk::ProcWalk( Platform::DebugHandler& handler, char const* className, char
         function_( function ),
         proc_( handler, "/proc", nullptr ) {
    if( !proc_.isOpen() ) {
-      QUARN_FAIL_AS( className, function, "Couldn't open /proc" );
+      Impl::assertAt( handler, QUARN_SOURCE_AT( className, function ), "Couldn't open /proc" );
    }
 }
 
@@ -38,7 +38,8 @@ int ProcWalk::find( const Wanted& wanted, const Visit& visit ) const {
    return 0;
 }
 
-// What cannot be read to its end, as the folder of a process that is gone, ends here.
+// What cannot be read to its end, as the folder of a process that is gone, ends here; /proc itself
+// does so on a system that is out of memory, and the walk has then found nobody.
 dirent const* ProcWalk::_nextEntry( const DirNode& node ) const {
    try {
       return node.readEntry();

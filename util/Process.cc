@@ -182,10 +182,11 @@ String takeLoaderError() {
    return text ? String( text ) : String();
 }
 
-void* openProgram() {
+void* openProgram( const Platform::DebugHandler& handler ) {
    void* const program = ::dlopen( nullptr, RTLD_LAZY );
    if( !program ) {
-      QUARN_FAIL_AS( className, "resolveSym", "dlopen() failed: {}", takeLoaderError() );
+      Impl::assertAt( handler, QUARN_SOURCE_AT( className, "resolveSym" ), "dlopen() failed: {}",
+                      takeLoaderError() );
    }
    return program;
 }
@@ -239,7 +240,8 @@ void includeShmemInCore() {
    if( std::fscanf( file, "%x", &filter ) < 1 ) {
       const int error = errno;
       std::fclose( file );
-      QUARN_FAIL( className, "fscanf failed for file:{} error:{}", path, strerror( error ) );
+      QUARN_FAIL_ON( Platform::utilHandler, className, "fscanf failed for file:{} error:{}", path,
+                     strerror( error ) );
    }
    // A stream that was read must be positioned anew before it is written.
    std::rewind( file );
@@ -274,7 +276,7 @@ String decodeMagic( unsigned long magic ) {
 }
 
 void* resolveSym( Platform::DebugHandler& handler, char const* symbol ) {
-   static void* const program = openProgram();
+   static void* const program = openProgram( handler );
    symbol = symbol ? symbol : "";
    ::dlerror();
    void* const address = ::dlsym( program, symbol );

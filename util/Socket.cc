@@ -41,7 +41,8 @@ constexpr unsigned int maxSendBufferDefault = 8 * 1024 * 1024;
 int openOwnNamespace( char const*& path ) {
    path = processNamespace;
    int fd = open( path, O_RDONLY | O_CLOEXEC );
-   // That file is the namespace of the main thread; another thread may live elsewhere.
+   // That file is the namespace of the main thread; another thread may live elsewhere, and what
+   // hinders it from knowing where counts the same.
    if( fd >= 0 && !isMainThread() ) {
       close( fd );
       path = threadNamespace;

@@ -75,8 +75,8 @@ class ORUQUARN_API FileDescriptorTask : public _TaskBase, private Platform::FdEv
    virtual void taskExecuteWritable() = 0;
 
    // Watches `fd` from now on, and makes it non-blocking. Notifications of another descriptor that
-   // wait for their run are dropped. The number that is watched already changes nothing: where it was
-   // closed and stands for another file by now, taskWatchFdDel() comes first.
+   // wait for their run are dropped. The number that is watched already changes nothing: where it
+   // was closed and stands for another file by now, taskWatchFdDel() comes first.
    //
    // Errors: fatal when the descriptor's flags cannot be read or set.
    void taskWatchFdIs( int fd );

@@ -70,7 +70,7 @@ class ORUQUARN_API DirNode : public Debuggable {
    std::vector<String> findFiles( const String& extension ) const;
 
  private:
-   void _closeStream();
+   void _closeStream( char const* function );
 
    DIR* stream_ = nullptr;
    std::shared_ptr<DirNode> parent_;

@@ -10,10 +10,10 @@ extern "C" {
 static const char DEFAULT_NS[] __attribute__( ( unused ) ) = "default";
 #endif
 
-/* Moves the calling thread into the network namespace `name`, a file of /var/run/netns. "default" is
- * the namespace that process 1 lives in when there is no file of that name. Other threads stay where
- * they are. `nstype` is what setns(2) takes: CLONE_NEWNET to insist on a network namespace, 0 for
- * any.
+/* Moves the calling thread into the network namespace `name`, a file of /var/run/netns. "default"
+ * is the namespace that process 1 lives in when there is no file of that name. Other threads stay
+ * where they are. `nstype` is what setns(2) takes: CLONE_NEWNET to insist on a network namespace, 0
+ * for any.
  *
  * A thread that is there already is moved all the same, so success means that the thread may move.
  *
