@@ -213,6 +213,15 @@ void TaskSchedulerRoot::callback() {
    if( currentlyRunningTask() ) [[unlikely]] {
       return;
    }
+   if( !_isOwnThread() ) [[unlikely]] {
+      try {
+         _wrongThread();
+      } catch( ... ) {
+         // Nobody asks again while tasks wait, so the turn must not get lost with the failure.
+         callbackControl_->requestCallback();
+         throw;
+      }
+   }
    handleSchedulerRun();
 }
 

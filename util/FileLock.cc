@@ -33,11 +33,6 @@ int setLock( int fd, short type ) {
    return fcntl( fd, cmd_F_OFD_SETLK(), &request );
 }
 
-int openLockFile( char const* path ) {
-   const Util::UmaskZero umaskZero;
-   return open( path, O_RDWR | O_CREAT | O_CLOEXEC, 0666 );
-}
-
 } // namespace
 
 FileLock::FileLock( Platform::DebugHandler& handler, const String& directory,
@@ -68,7 +63,7 @@ bool FileLock::lock( bool allowReentry ) {
       QUARN_FAIL_ON( *debugHandler(), className, "unexpected mkpath() error {}: {}", directory_,
                      strerror( errno ) );
    }
-   const int fd = openLockFile( file_.c_str() );
+   const int fd = Util::openOrMake( file_.c_str(), O_RDWR );
    if( fd < 0 ) {
       const int error = errno;
       QUARN_TRACE( *this, 1, className, "error: could not open lock file:{} {}", file_,

@@ -30,16 +30,10 @@ int makeDirectory( char const* path, unsigned int mode ) {
    return mkdir( path, mode );
 }
 
-// Makes the file with mode 0666 when it is missing.
-int openForWriting( char const* path, int flags ) {
-   const UmaskZero umaskZero;
-   return open( path, flags | O_CREAT | O_CLOEXEC, 0666 );
-}
-
 // Whether all of it worked, as far as the rules of `fileWrite` go.
 bool writeTo( Platform::DebugHandler& handler, char const* path, std::string_view data ) {
    constexpr char function[] = "fileWrite";
-   const int fd = openForWriting( path, O_RDWR | O_TRUNC );
+   const int fd = openOrMake( path, O_RDWR | O_TRUNC );
    if( fd < 0 ) {
       const int error = errno;
       QUARN_TRACE_AS( handler, 0, className, function, "unable to open {} reason:{}", path,
@@ -92,7 +86,8 @@ int mkpath( char const* path, unsigned int mode ) {
    if( makeDirectory( path, mode ) != 0 && errno != EEXIST ) {
       return -1;
    }
-   static_cast<void>( chmod( path, mode ) );
+   // Not through a link, which somebody who may write to the parent could have put there.
+   static_cast<void>( fchmodat( AT_FDCWD, path, mode, AT_SYMLINK_NOFOLLOW ) );
    return 0;
 }
 
@@ -137,7 +132,7 @@ int trimpath( char const* absolute, std::string_view trailing ) {
 
 bool touch( Platform::DebugHandler& handler, char const* path ) {
    path = orEmpty( path );
-   const int fd = openForWriting( path, O_WRONLY );
+   const int fd = openOrMake( path, O_WRONLY );
    if( fd < 0 ) {
       const int error = errno;
       QUARN_TRACE( handler, 0, className, "unable to open {} reason: {}", path, strerror( error ) );

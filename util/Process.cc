@@ -13,10 +13,13 @@
 #include <cstdio>
 #include <cstring>
 #include <fstream>
+#include <memory>
 #include <mutex>
+#include <new>
 #include <string>
 
 #include <dlfcn.h>
+#include <pthread.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -172,7 +175,15 @@ struct LastError {
 };
 
 LastError& lastError() {
-   static LastError* const error = new LastError;
+   static LastError* const error = [] {
+      auto made = std::make_unique<LastError>();
+      // A child has the mutex free, whoever looked up meanwhile.
+      if( ::pthread_atfork( [] { lastError().mutex.lock(); }, [] { lastError().mutex.unlock(); },
+                            [] { lastError().mutex.unlock(); } ) != 0 ) {
+         throw std::bad_alloc();
+      }
+      return made.release();
+   }();
    return *error;
 }
 

@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <mutex>
 
+#include <fcntl.h>
 #include <pthread.h>
 #include <sys/stat.h>
 
@@ -32,6 +33,15 @@ UmaskZero::~UmaskZero() {
    umask( before_ );
    umaskMutex.unlock();
    errno = error;
+}
+
+int openOrMake( char const* path, int flags ) {
+   const int fd = open( path, flags | O_CLOEXEC );
+   if( fd >= 0 || errno != ENOENT ) {
+      return fd;
+   }
+   const UmaskZero umaskZero;
+   return open( path, flags | O_CREAT | O_CLOEXEC, 0666 );
 }
 
 } // namespace Quarn::Util

@@ -8,7 +8,8 @@ namespace Quarn::Util {
 // threads, so objects wait for each other, and a nested one would wait for ever. Without that two
 // threads could take over each other's 0 and leave the process with it.
 //
-// A process forked meanwhile gets the umask that will be restored. The end of the object leaves
+// A process forked meanwhile gets the umask that will be restored; one that is made without
+// fork(2)'s handlers, as by posix_spawn(3) or popen(3), may get the 0. The end of the object leaves
 // `errno` alone.
 class UmaskZero {
  public:
@@ -20,5 +21,11 @@ class UmaskZero {
  private:
    unsigned int before_;
 };
+
+// Opens the file, for this program alone, and makes it with mode 0666 when it is missing. Only the
+// making is done without umask, so that what blocks, as a FIFO without a reader, holds nobody up.
+//
+// Returns what open(2) does.
+int openOrMake( char const* path, int flags );
 
 } // namespace Quarn::Util

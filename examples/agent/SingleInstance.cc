@@ -25,7 +25,10 @@ constexpr std::string_view fallback = "/tmp";
 // What is wrong with the user's folder below `parent`, which is made when it is missing; empty when
 // all is well.
 std::string wrongWith( const std::string& folder ) {
-   if( mkdir( folder.c_str(), S_IRWXU ) != 0 && errno != EEXIST ) {
+   if( mkdir( folder.c_str(), S_IRWXU ) == 0 ) {
+      // The umask may have taken from it.
+      static_cast<void>( chmod( folder.c_str(), S_IRWXU ) );
+   } else if( errno != EEXIST ) {
       return Quarn::strerror( errno ).stdString();
    }
    struct stat found {};

@@ -429,6 +429,19 @@ TEST_F( FrameworkControlTest, LoopWithinATaskLeavesTheOthersQueued ) {
    EXPECT_TRUE( root->checkForTest() );
 }
 
+TEST_F( FrameworkControlTest, TurnOnAWrongThreadLosesNoTask ) {
+   const auto root = schedulerRootQuarnNonShared( "root" );
+   int runs = 0;
+   const auto task = makeTask( root, TaskPriority::normal, "task", [ & ]( auto& ) { ++runs; } );
+   task->scheduleTask();
+   std::thread( [] {
+      EXPECT_FATAL( Platform::doEventLoop( 0 ), "Executing in wrong thread" );
+   } ).join();
+   EXPECT_EQ( runs, 0 );
+   turn();
+   EXPECT_EQ( runs, 1 );
+}
+
 TEST_F( FrameworkControlTest, WaitRunsALoopWithinTheLoopWithTheLockHeld ) {
    const auto outer = Platform::getTimerControl( &handler );
    Handler inner;

@@ -13,6 +13,7 @@
 #include <cerrno>
 #include <csignal>
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <thread>
 #include <vector>
@@ -149,6 +150,30 @@ TEST_F( FilesTest, ConcurrentMkpathOfThreadsRestoresTheUmask ) {
    }
    EXPECT_EQ( wrong, 0u );
    EXPECT_EQ( good, 10u );
+}
+
+// The open of a FIFO waits for a reader, and nobody else waits with it.
+TEST_F( FilesTest, ConcurrentTouchOfAFifoHoldsNobodyUp ) {
+   const std::string fifo = dir.path( "fifo" );
+   ASSERT_EQ( mkfifo( fifo.c_str(), 0600 ), 0 );
+   std::atomic<pid_t> thread{ 0 };
+   bool touched = false;
+   std::thread waiting( [ & ] {
+      thread = gettid();
+      touched = touch( *handler, fifo.c_str() );
+   } );
+   // Until it sleeps in the open.
+   std::string state;
+   while( state != "S" ) {
+      std::ifstream stat( "/proc/self/task/" + std::to_string( thread ) + "/stat" );
+      std::string skipped;
+      stat >> skipped >> skipped >> state;
+   }
+   EXPECT_EQ( mkpath( dir.path( "beside" ).c_str(), 0777 ), 0 );
+   const int reader = open( fifo.c_str(), O_RDONLY );
+   waiting.join();
+   EXPECT_TRUE( touched );
+   close( reader );
 }
 
 TEST_F( FilesTest, TrimpathRemovesTheTrailingDirectories ) {

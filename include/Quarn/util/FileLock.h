@@ -9,7 +9,7 @@
 // The lock covers the whole file and belongs to the open file (`F_OFD_SETLK`): two `FileLock`s on
 // one path exclude each other, in one process as in two, and the system drops the lock when the
 // process ends in whatever way. The file itself stays, and its content is not touched. Nothing ever
-// waits.
+// waits. Nobody may remove or replace the file while it is in use: the next one would lock another.
 //
 // A forked child has the parent's lock open too, but only the parent may release it: in the child
 // `release` is fatal, and so is the destruction of the object, which ends the process. A child of a

@@ -11,7 +11,8 @@
 // Thread: `mkpath`, `touch`, `fileWrite` (and `FileLock::lock`) set the umask of the process to 0
 //         for the length of one system call, one thread at a time, so that the modes below are what
 //         a file gets. Another thread that makes a file by other means in that moment gets no umask
-//         either. Everything else may be called by any thread at any time.
+//         either, and nor does a child that it starts without fork(2), as by popen(3). Everything
+//         else may be called by any thread at any time.
 
 #pragma once
 

@@ -36,9 +36,9 @@ ORUQUARN_API String readProcStartTime( int pid );
 //
 // The name is looked for in the lines of /proc/net/unix, which shows an abstract name with "@" in
 // place of its NUL bytes, and the first line that holds it anywhere is taken: a longer name may
-// come first, and a name with blanks in it gives 0 or a wrong process. Sockets of other network
-// namespaces do not stand there. Of the process only the inode number is compared, which a file
-// might share.
+// come first, a connection that waits for its accept(2) has the name too and gives 0, and a name
+// with blanks in it gives 0 or a wrong process. Sockets of other network namespaces do not stand
+// there. Of the process only the inode number is compared, which a file might share.
 //
 // Errors: fatal when /proc cannot be opened.
 ORUQUARN_API int readSocketPid( Platform::DebugHandler& handler, const String& socketName );
@@ -63,7 +63,8 @@ ORUQUARN_API char const* typenameFromVptr( int otherPid, void const* vptr, Strin
 ORUQUARN_API void includeShmemInCore();
 
 // Marks a place in the logs: one line with the process, the thread, the handler's name and `text`,
-// as a trace at level 1 and, whatever is enabled, in the system log (local5, debug).
+// as a trace at level 1 and, whatever is enabled, in the system log (local5, debug). In a child
+// that was forked while another thread wrote to the system log, syslog(3) may wait for ever.
 ORUQUARN_API void emitCanaryLog( Platform::DebugHandler& handler, const String& text );
 
 // The eight bytes of `magic` as a text, the least significant first, up to the first that is 0.
