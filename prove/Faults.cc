@@ -182,10 +182,10 @@ int unlink( char const* path ) noexcept {
    return real( path );
 }
 
-int chmod( char const* path, mode_t mode ) noexcept {
-   REAL( chmod );
-   FAIL_OR_PRETEND( "chmod" );
-   return real( path, mode );
+int fchmodat( int folder, char const* path, mode_t mode, int flags ) noexcept {
+   REAL( fchmodat );
+   FAIL_OR_PRETEND( "fchmodat" );
+   return real( folder, path, mode, flags );
 }
 
 ssize_t readlink( char const* path, char* target, std::size_t size ) noexcept {

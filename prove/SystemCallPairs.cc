@@ -125,7 +125,7 @@ const Pair pairs[] = {
    { "mkdir", ENOTDIR, 1, 1, mkpath, "-1 ENOTDIR", "" },
    { "mkdir", ENAMETOOLONG, 1, 1, mkpath, "-1 ENAMETOOLONG", "" },
    { "mkdir", ENOENT, 1, always, mkpath, "-1 ENOENT", "" },
-   { "chmod", EPERM, 1, 1, mkpath, "0", "" },
+   { "fchmodat", EPERM, 1, 1, mkpath, "0", "" },
    { "rmdir", ENOENT, 1, 1, trimpath, "-1 ENOTEMPTY", "removing dir" },
    { "rmdir", ENOTEMPTY, 1, 1, trimpath, "-1 ENOTEMPTY", "rmdir() error" },
    { "rmdir", EACCES, 1, 1, trimpath, "-1 EACCES", "rmdir() error" },

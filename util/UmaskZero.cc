@@ -36,10 +36,12 @@ UmaskZero::~UmaskZero() {
 }
 
 int openOrMake( char const* path, int flags ) {
+   const int before = errno;
    const int fd = open( path, flags | O_CLOEXEC );
    if( fd >= 0 || errno != ENOENT ) {
       return fd;
    }
+   errno = before;
    const UmaskZero umaskZero;
    return open( path, flags | O_CREAT | O_CLOEXEC, 0666 );
 }
