@@ -62,6 +62,10 @@ Marker& marker() {
    return *theMarker;
 }
 
+// Made while the library is loaded: a child that is forked in the middle of it would have it half
+// made for ever.
+[[maybe_unused]] Marker const& madeAtLoad = marker();
+
 } // namespace
 
 CriticalTaskMarker::CriticalTaskMarker( bool critical ) : marked_( critical ) {

@@ -187,6 +187,10 @@ LastError& lastError() {
    return *error;
 }
 
+// Made while the library is loaded: a child that is forked in the middle of it would have it half
+// made for ever.
+[[maybe_unused]] LastError const& madeAtLoad = lastError();
+
 // The loader's text of the calling thread, which the call clears.
 String takeLoaderError() {
    char const* const text = ::dlerror();

@@ -13,17 +13,14 @@ namespace {
 
 constinit std::mutex umaskMutex;
 
-// A fork in the middle would give the child the umask 0, and a mutex that nobody unlocks.
-void forkWaits() {
-   static const int registered = pthread_atfork(
-         [] { umaskMutex.lock(); }, [] { umaskMutex.unlock(); }, [] { umaskMutex.unlock(); } );
-   static_cast<void>( registered );
-}
+// From load time on. A fork in the middle would give the child the umask 0, and a mutex that nobody
+// unlocks.
+[[maybe_unused]] const int forkWaits = pthread_atfork(
+      [] { umaskMutex.lock(); }, [] { umaskMutex.unlock(); }, [] { umaskMutex.unlock(); } );
 
 } // namespace
 
 UmaskZero::UmaskZero() {
-   forkWaits();
    umaskMutex.lock();
    before_ = umask( 0 );
 }

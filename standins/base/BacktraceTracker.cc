@@ -53,6 +53,10 @@ Recorder& recorder() {
    return theRecorder;
 }
 
+// Made while the library is loaded: a child that is forked in the middle of it would have it half
+// made for ever.
+[[maybe_unused]] Recorder const& madeAtLoad = recorder();
+
 // Recorded addresses are where calls return to, which may be the next line or, behind a call that
 // never returns, the next function. The byte before belongs to the call.
 boost::stacktrace::frame callOf( boost::stacktrace::frame const& frame ) {

@@ -6,6 +6,14 @@
 
 namespace Quarn::Impl {
 
+namespace {
+
+// Made while the library is loaded: a child that is forked in the middle of it would have it half
+// made for ever.
+[[maybe_unused]] StringPool const& madeAtLoad = StringPool::instance();
+
+} // namespace
+
 StringPool& StringPool::instance() {
    static StringPool* const pool = [] {
       auto made = std::make_unique<StringPool>();
