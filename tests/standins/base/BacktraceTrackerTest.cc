@@ -60,7 +60,7 @@ class BacktraceTrackerTest : public testing::Test {
 // A call made in the last place of a function would leave no frame of it.
 std::atomic<int> returned{ 0 };
 
-int lineOfRecord = 0;
+std::atomic<int> lineOfRecord{ 0 };
 
 __attribute__( ( noinline ) ) void innerFunction( char const* label ) {
    lineOfRecord = __LINE__ + 1;
@@ -144,7 +144,8 @@ TEST_F( BacktraceTrackerTest, FramesBeginWhereItWasCalled ) {
    EXPECT_THAT( text, Not( HasSubstr( "boost::stacktrace" ) ) );
 #ifndef NDEBUG
    // Builds with assertions have debugging information.
-   EXPECT_THAT( first, EndsWith( fmt::format( "BacktraceTrackerTest.cc:{}", lineOfRecord ) ) );
+   EXPECT_THAT( first,
+                EndsWith( fmt::format( "BacktraceTrackerTest.cc:{}", lineOfRecord.load() ) ) );
 #endif
 }
 
