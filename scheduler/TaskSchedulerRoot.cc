@@ -213,16 +213,15 @@ void TaskSchedulerRoot::callback() {
    if( currentlyRunningTask() ) [[unlikely]] {
       return;
    }
-   if( !_isOwnThread() ) [[unlikely]] {
-      try {
-         _wrongThread();
-      } catch( ... ) {
+   try {
+      handleSchedulerRun();
+   } catch( ... ) {
+      if( !_isOwnThread() ) {
          // Nobody asks again while tasks wait, so the turn must not get lost with the failure.
          callbackControl_->requestCallback();
-         throw;
       }
+      throw;
    }
-   handleSchedulerRun();
 }
 
 void TaskSchedulerRoot::handleSchedulerRun() {
