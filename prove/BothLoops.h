@@ -2,8 +2,11 @@
 
 #pragma once
 
+#include "prove/Row.h"
+
 #include <Quarn/base/ThreadControl.h>
 
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
@@ -54,6 +57,19 @@ std::pair<Result, Result> onBothLoops( const Body& body ) {
       results.second = Result();
    }
    return results;
+}
+
+// Keeps the seeds of the two loops apart; a seed on the command line counts for both.
+constexpr std::uint64_t frameworkSeeds = std::uint64_t{ 1 } << 32;
+
+// Half of the order on each loop: `plays( count, seed, framework )`.
+template<typename Result>
+std::pair<Result, Result>
+halfOnEachLoop( const Order& order, Result ( *plays )( std::uint64_t, std::uint64_t, bool ) ) {
+   return onBothLoops<Result>( [ & ]( bool framework ) {
+      return framework ? plays( order.count / 2, order.seed + frameworkSeeds, true )
+                       : plays( order.count - order.count / 2, order.seed, false );
+   } );
 }
 
 inline char const* loopText( bool framework ) {

@@ -18,9 +18,6 @@ namespace {
 
 using prove::DescriptorPlay;
 
-// Keeps the seeds of the two loops apart; a seed on the command line counts for both.
-constexpr std::uint64_t frameworkSeeds = std::uint64_t{ 1 } << 32;
-
 struct Result {
    bool good = false;
    std::uint64_t plays = 0;
@@ -65,10 +62,10 @@ Result plays( std::uint64_t count, std::uint64_t seed, bool framework ) {
       }
       add( play.counts(), result.counts );
       if( !good ) {
-         std::cerr << "play " << playSeed % frameworkSeeds << " on " << prove::loopText( framework )
-                   << ", after these steps:\n"
+         std::cerr << "play " << playSeed % prove::frameworkSeeds << " on "
+                   << prove::loopText( framework ) << ", after these steps:\n"
                    << play.lastSteps() << play.fault() << "\nby itself: --count " << 2 * length
-                   << " --seed " << playSeed % frameworkSeeds << std::endl;
+                   << " --seed " << playSeed % prove::frameworkSeeds << std::endl;
          return result;
       }
    }
@@ -79,10 +76,7 @@ Result plays( std::uint64_t count, std::uint64_t seed, bool framework ) {
 prove::Outcome run( const prove::Order& order ) {
    // A peer that hangs up is told of by the write.
    std::signal( SIGPIPE, SIG_IGN );
-   auto [ first, second ] = prove::onBothLoops<Result>( [ & ]( bool framework ) {
-      return framework ? plays( order.count / 2, order.seed + frameworkSeeds, framework )
-                       : plays( order.count - order.count / 2, order.seed, framework );
-   } );
+   auto [ first, second ] = prove::halfOnEachLoop( order, &plays );
    if( !first.good || !second.good ) {
       return { false, "a watch and poll(2) differ" };
    }

@@ -19,9 +19,6 @@ namespace {
 using testing_support::SchedulerPlay;
 namespace model = testing_support::model;
 
-// Keeps the seeds of the two loops apart; a seed on the command line counts for both.
-constexpr std::uint64_t frameworkSeeds = std::uint64_t{ 1 } << 32;
-
 // What a process hands over.
 struct Result {
    bool good = false;
@@ -74,11 +71,11 @@ Result plays( std::uint64_t count, std::uint64_t seed, bool framework ) {
       result.operations += play->operations();
       result.runs += play->runs();
       if( !good ) {
-         std::cerr << "play " << playSeed % frameworkSeeds << " on " << prove::loopText( framework )
-                   << ": " << play->fault() << thrown << '\n';
+         std::cerr << "play " << playSeed % prove::frameworkSeeds << " on "
+                   << prove::loopText( framework ) << ": " << play->fault() << thrown << '\n';
          play->show( std::cerr );
-         std::cerr << "by itself: --count " << length << " --seed " << playSeed % frameworkSeeds
-                   << std::endl;
+         std::cerr << "by itself: --count " << length << " --seed "
+                   << playSeed % prove::frameworkSeeds << std::endl;
          // What is broken may not come down in one piece.
          (void)play.release();
          return result;
@@ -90,10 +87,7 @@ Result plays( std::uint64_t count, std::uint64_t seed, bool framework ) {
 }
 
 prove::Outcome run( const prove::Order& order ) {
-   const auto [ first, second ] = prove::onBothLoops<Result>( [ & ]( bool framework ) {
-      return framework ? plays( order.count / 2, order.seed + frameworkSeeds, framework )
-                       : plays( order.count - order.count / 2, order.seed, framework );
-   } );
+   const auto [ first, second ] = prove::halfOnEachLoop( order, &plays );
    if( !first.good || !second.good ) {
       return { false, "the scheduler and its model differ" };
    }

@@ -17,9 +17,6 @@ namespace {
 
 using testing_support::TimerPlay;
 
-// Keeps the seeds of the two loops apart; a seed on the command line counts for both.
-constexpr std::uint64_t frameworkSeeds = std::uint64_t{ 1 } << 32;
-
 struct Result {
    bool good = false;
    std::uint64_t plays = 0;
@@ -70,11 +67,12 @@ Result plays( std::uint64_t count, std::uint64_t seed, bool framework ) {
       }
       add( play->counts(), result.counts );
       if( !good ) {
-         std::cerr << "play " << playSeed % frameworkSeeds << " on " << prove::loopText( framework )
-                   << ", " << setting.timers << " timers: " << play->fault() << '\n';
+         std::cerr << "play " << playSeed % prove::frameworkSeeds << " on "
+                   << prove::loopText( framework ) << ", " << setting.timers
+                   << " timers: " << play->fault() << '\n';
          play->show( std::cerr );
-         std::cerr << "by itself: --count " << length << " --seed " << playSeed % frameworkSeeds
-                   << std::endl;
+         std::cerr << "by itself: --count " << length << " --seed "
+                   << playSeed % prove::frameworkSeeds << std::endl;
          return result;
       }
    }
@@ -83,10 +81,7 @@ Result plays( std::uint64_t count, std::uint64_t seed, bool framework ) {
 }
 
 prove::Outcome run( const prove::Order& order ) {
-   auto [ first, second ] = prove::onBothLoops<Result>( [ & ]( bool framework ) {
-      return framework ? plays( order.count / 2, order.seed + frameworkSeeds, framework )
-                       : plays( order.count - order.count / 2, order.seed, framework );
-   } );
+   auto [ first, second ] = prove::halfOnEachLoop( order, &plays );
    if( !first.good || !second.good ) {
       return { false, "the wheel and the multimap differ" };
    }

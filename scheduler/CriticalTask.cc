@@ -4,9 +4,8 @@
 #include "scheduler/TaskAnchors.h"
 
 #include <atomic>
-#include <memory>
 #include <mutex>
-#include <new>
+#include <type_traits>
 #include <utility>
 
 #include <pthread.h>
@@ -32,39 +31,28 @@ void checkNotRunningCriticalTask() {
    }
 }
 
-// The global mutex, never destroyed, and usable in the child of a fork that another thread's
-// critical run was overtaken by.
+// Never destroyed, and usable in the child of a fork that another thread's critical run was
+// overtaken by.
 struct Marker {
    std::mutex mutex;
    // Threads that run a critical task.
    unsigned count = 0;
 };
+static_assert( std::is_trivially_destructible_v<Marker> );
 
-Marker& marker() {
-   static Marker* const theMarker = [] {
-      // Made first: handlers that were set twice would lock twice.
-      auto made = std::make_unique<Marker>();
-      const int error = pthread_atfork(
-            [] { marker().mutex.lock(); }, [] { marker().mutex.unlock(); },
-            [] {
-               // The other threads, and with them their shares, do not exist here.
-               marker().count = runningCriticalTask ? 1 : 0;
-               if( !runningCriticalTask ) {
-                  std::atomic_ref( assertNotRunningCriticalTaskFn ).store( nullptr );
-               }
-               marker().mutex.unlock();
-            } );
-      if( error != 0 ) {
-         throw std::bad_alloc();
-      }
-      return made.release();
-   }();
-   return *theMarker;
-}
+constinit Marker marker;
 
-// Made while the library is loaded: a child that is forked in the middle of it would have it half
-// made for ever.
-[[maybe_unused]] Marker const& madeAtLoad = marker();
+// From load time on, before there are threads.
+[[maybe_unused]] const int forkWaits =
+      pthread_atfork( [] { marker.mutex.lock(); }, [] { marker.mutex.unlock(); },
+                      [] {
+                         // The other threads, and with them their shares, do not exist here.
+                         marker.count = runningCriticalTask ? 1 : 0;
+                         if( !runningCriticalTask ) {
+                            std::atomic_ref( assertNotRunningCriticalTaskFn ).store( nullptr );
+                         }
+                         marker.mutex.unlock();
+                      } );
 
 } // namespace
 
@@ -72,18 +60,15 @@ CriticalTaskMarker::CriticalTaskMarker( bool critical ) : marked_( critical ) {
    if( !critical ) {
       return;
    }
-   Marker& m = marker();
-   const std::lock_guard lock( m.mutex );
+   const std::lock_guard lock( marker.mutex );
    if( runningCriticalTask ) {
       QUARN_STREAM_FAIL( "running=" << runningCriticalTask );
    }
    runningCriticalTask = true;
-   ++m.count;
+   ++marker.count;
    // Readers take no lock.
    std::atomic_ref( assertNotRunningCriticalTaskFn ).store( &checkNotRunningCriticalTask );
 }
-
-void CriticalTaskMarker::prepare() { marker(); }
 
 CriticalTaskMarker::~CriticalTaskMarker() {
    if( marked_ ) {
@@ -95,13 +80,12 @@ void CriticalTaskMarker::release() {
    if( !std::exchange( marked_, false ) ) {
       return;
    }
-   Marker& m = marker();
-   const std::lock_guard lock( m.mutex );
+   const std::lock_guard lock( marker.mutex );
    if( !runningCriticalTask ) {
       QUARN_STREAM_FAIL( "running=" << runningCriticalTask );
    }
    runningCriticalTask = false;
-   if( --m.count == 0 ) {
+   if( --marker.count == 0 ) {
       const std::atomic_ref hook( assertNotRunningCriticalTaskFn );
       if( hook.load() != &checkNotRunningCriticalTask ) {
          QUARN_STREAM_FAIL( "assertNotRunningCriticalTaskFn "

@@ -36,10 +36,6 @@ class CurrentlyRunningTaskAnchor {
 class CriticalTaskMarker {
  public:
    explicit CriticalTaskMarker( bool critical );
-   // Makes what a mark needs, so that marking does not fail.
-   //
-   // Errors: `std::bad_alloc`.
-   static void prepare();
    ~CriticalTaskMarker();
    CriticalTaskMarker( const CriticalTaskMarker& ) = delete;
    CriticalTaskMarker& operator=( const CriticalTaskMarker& ) = delete;

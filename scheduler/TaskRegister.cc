@@ -3,7 +3,6 @@
 #include <Quarn/scheduler/TaskSchedulerRoot.h>
 
 #include "debug/Handlers.h"
-#include "scheduler/TaskAnchors.h"
 
 namespace Quarn {
 
@@ -38,8 +37,6 @@ void TaskScheduler::taskRegister( TaskImpl* task ) {
       if( !authorizedForCritical( task->taskName() ) ) {
          QUARN_STREAM_FAIL( "Use of critical priority task " << task << " must be authorized" );
       }
-      // Now, for a task that was taken off its queue for a run that fails would wait for ever.
-      CriticalTaskMarker::prepare();
    }
    QUARN_TRACE( taskSchedulerHandler, 9, "TaskScheduler", "{} Register {}", schedulerText( this ),
                 taskText( task ) );
