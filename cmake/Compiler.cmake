@@ -16,8 +16,10 @@ endif()
 
 find_program( ORUQUARN_CCACHE ccache )
 if( ORUQUARN_CCACHE AND PROJECT_IS_TOP_LEVEL )
-   set( CMAKE_C_COMPILER_LAUNCHER ${ORUQUARN_CCACHE} )
-   set( CMAKE_CXX_COMPILER_LAUNCHER ${ORUQUARN_CCACHE} )
+   # What it asks for before it caches what was compiled with a precompiled header.
+   set( launcher ${CMAKE_COMMAND} -E env CCACHE_SLOPPINESS=pch_defines,time_macros ${ORUQUARN_CCACHE} )
+   set( CMAKE_C_COMPILER_LAUNCHER ${launcher} )
+   set( CMAKE_CXX_COMPILER_LAUNCHER ${launcher} )
 endif()
 
 add_library( oruquarn_options INTERFACE )
