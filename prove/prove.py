@@ -113,6 +113,10 @@ class Proof:
             repeat, goal = told["repeat"], told["goal"]
         except (ValueError, KeyError, TypeError):
             figure, ok, goal = ended(status), False, row.goal
+        if row.build:
+            seed = re.search(r"--seed (\d+)", repeat)
+            repeat = f"scripts/prove --rows {row.row}" + (f" --seed {seed[1]}" if seed else "")
+        repeat = repeat.replace(f"{ROOT}/", "")
         if not ok:
             tell(f"{row.name} said", said)
         return Outcome(row.row, row.name, ok, figure, goal, repeat,
