@@ -172,13 +172,17 @@ class Proof:
         said, status = self.run(["scripts/fuzz"])
         if status != 0:
             tell("fuzz", said)
-        verdicts = [line for line in said.splitlines() if re.search(r"\b(ok|clean|FOUND)\b", line)]
-        return [Outcome(4, "fuzz targets", status == 0, f"{len(verdicts)} targets, exit {status}",
+        verdicts = re.findall(r"^\w+ +(\d+|-) +(?:\d+|-) +(ok|FOUND)\b", said, re.MULTILINE)
+        executions = sum(int(count) for count, _ in verdicts if count != "-")
+        found = sum(verdict == "FOUND" for _, verdict in verdicts)
+        ok = status == 0 and found == 0 and len(verdicts) == len(fuzz_folders())
+        return [Outcome(4, "fuzz targets", ok,
+                        f"{len(verdicts)} targets, {executions:,} executions, {found} found",
                         "0 crashes, 0 hangs", "scripts/fuzz", "60 s each")]
 
     def corpus(self):
         """What is kept of earlier runs, by programs without the fuzzer."""
-        folders = sorted(path for path in (ROOT / "fuzz" / "corpus").iterdir() if path.is_dir())
+        folders = fuzz_folders()
         inputs, failed = 0, []
         for folder in folders:
             said, status = self.run([self.build / "fuzz" / f"fuzz_{folder.name}", folder])
@@ -223,6 +227,11 @@ class Proof:
             for number, (first, call) in sorted(made.items())
             if self.runs_in(first) and (not wanted or number in wanted)
         }
+
+
+def fuzz_folders():
+    """The inputs that are kept for each fuzz target."""
+    return sorted(path for path in (ROOT / "fuzz" / "corpus").iterdir() if path.is_dir())
 
 
 def coverage_of(proof):
