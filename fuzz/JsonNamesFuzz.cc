@@ -52,24 +52,26 @@ std::string shown( std::string_view text ) {
    std::string out;
    while( !text.empty() ) {
       const auto lead = static_cast<unsigned char>( text[ 0 ] );
-      const std::size_t length = lead < 0x80 ? 1 : lead < 0xE0 ? 2 : lead < 0xF0 ? 3 : 4;
-      std::uint32_t number = length == 1   ? lead
-                             : length == 2 ? lead & 0x1Fu
-                             : length == 3 ? lead & 0x0Fu
-                                           : lead & 0x07u;
+      if( lead < 0x80 ) {
+         out += text[ 0 ];
+         text.remove_prefix( 1 );
+         continue;
+      }
+      const std::size_t length = lead < 0xE0 ? 2 : lead < 0xF0 ? 3 : 4;
+      std::uint32_t number = length == 2 ? lead & 0x1Fu : length == 3 ? lead & 0x0Fu : lead & 0x07u;
       for( std::size_t i = 1; i < std::min( length, text.size() ); ++i ) {
          number = number << 6 | ( static_cast<unsigned char>( text[ i ] ) & 0x3Fu );
       }
       const auto byte = [ & ]( std::uint32_t bits ) { return static_cast<char>( bits ); };
       const auto tail = [ & ]( int shift ) { return byte( 0x80u | ( number >> shift & 0x3Fu ) ); };
       const std::string again =
-            number < 0x80    ? std::string{ byte( number ) }
-            : number < 0x800 ? std::string{ byte( 0xC0u | number >> 6 ), tail( 0 ) }
+            number < 0x800 ? std::string{ byte( 0xC0u | number >> 6 ), tail( 0 ) }
             : number < 0x10000
                   ? std::string{ byte( 0xE0u | number >> 12 ), tail( 6 ), tail( 0 ) }
                   : std::string{ byte( 0xF0u | number >> 18 ), tail( 12 ), tail( 6 ), tail( 0 ) };
       const bool surrogate = number >= 0xD800 && number < 0xE000;
-      if( !surrogate && number <= 0x10FFFF && text.substr( 0, length ) == again ) {
+      if( number >= 0x80 && !surrogate && number <= 0x10FFFF &&
+          text.substr( 0, length ) == again ) {
          out += again;
          text.remove_prefix( length );
       } else {

@@ -550,12 +550,12 @@ Play::Outcome Play::_outcomeOf( Call&& call ) {
    }
 }
 
-// From the top down. What is in the way of the next one is that one's error.
+// What is missing on the way from the top down, as soon as something is.
 int Play::_modelMkpath( const std::string& path, unsigned mode ) {
-   if( path.size() >= pathMax ) {
-      return ENAMETOOLONG;
+   int error = tree_.makeDirectory( path, mode );
+   if( error != ENOENT ) {
+      return error == EEXIST ? 0 : error;
    }
-   int error = ENOENT;
    for( std::size_t at = 1; at <= path.size(); ++at ) {
       if( at == path.size() ||
           ( path[ at ] == '/' && at >= top_.size() * path.starts_with( '/' ) ) ) {
