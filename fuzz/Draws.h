@@ -10,9 +10,10 @@
 namespace Fuzz {
 
 // Each draw takes two bytes, so that a byte changed, or two taken out, changes one operation and
-// leaves the others. A play takes the rest by a small number, or the high bits as a fraction: both
-// follow the two bytes, the earlier ones rising with them. Once the bytes have ended the draws go
-// on, so that the operation under way comes to its end; the play asks `ended()` between two.
+// leaves the others. They stand at both ends of the number: a play takes its remainder by a small
+// one, or its high bits as a fraction. Every remainder comes up, since 2^48 + 1 has no divisor
+// below 193. Once the bytes have ended the draws go on, so that the operation under way comes to
+// its end; the play asks `ended()` between two.
 class Draws {
  public:
    explicit Draws( std::string_view bytes ) : bytes_( bytes ) {}

@@ -1,6 +1,7 @@
-// Snapshots of schedulers whose names are any bytes: an input is a list of steps that make tasks,
-// timers and groups, run them, count their work, end them and take snapshots. A step is a byte,
-// what it is about and, where it gives a name, the name behind its length.
+// Snapshots of schedulers whose names are any bytes: an input is the names of the root and of a
+// task, and then a list of steps that make tasks, timers and groups, run them, count their work,
+// end them and take snapshots. A step is a byte and what `Play::_step()` reads behind it; a name
+// stands behind its length.
 //
 // The document that is made of the snapshots is read by a parser of its own and must say what the
 // snapshots hold, member by member and in their order. Delivered through a small pipe, on a loop
@@ -605,7 +606,8 @@ void Play::run() {
 
 // ------------------------------------------------------------------------------------ the delivery
 
-std::string delivered( TaskSchedulerRoot& root, const Shots& shots ) {
+// In no more bytes than expected, lest a delivery that repeats itself never ends.
+std::string delivered( TaskSchedulerRoot& root, const Shots& shots, std::size_t sizeMax ) {
    int fds[ 2 ];
    FUZZ_REQUIRE( pipe2( fds, O_CLOEXEC ) == 0 );
    fcntl( fds[ 0 ], F_SETFL, O_NONBLOCK );
@@ -620,6 +622,7 @@ std::string delivered( TaskSchedulerRoot& root, const Shots& shots ) {
       ssize_t got;
       while( ( got = read( fds[ 0 ], piece.data(), piece.size() ) ) > 0 ) {
          text.append( piece, 0, static_cast<std::size_t>( got ) );
+         FUZZ_REQUIRE( text.size() <= sizeMax );
       }
    };
    while( !done ) {
@@ -669,6 +672,6 @@ int LLVMFuzzerTestOneInput( const std::uint8_t* data, std::size_t size ) {
          compare( schedulers.take( shown( shot->schedulerName() ) ), *shot );
       }
    }
-   FUZZ_REQUIRE( delivered( play.root(), play.shots() ) == text );
+   FUZZ_REQUIRE( delivered( play.root(), play.shots(), text.size() ) == text );
    return 0;
 }

@@ -1,6 +1,21 @@
 // Operations on paths and locks in a scratch folder: an input is a list of steps, a letter each
-// with the bytes that the table of `Play::_step()` tells. A path is the bytes up to the next NUL,
-// of which a few low ones stand for long pieces.
+// with what stands behind it here. P is a path and T a text, up to the next NUL; in a path a few
+// low bytes stand for long pieces, and one that begins with a slash begins in the scratch folder. N
+// is a byte, I a byte that chooses among what there is. Other bytes are passed over.
+//
+//     kP mP        mkpath with mode 0777, 0700
+//     xNP          trimpath of the last N + 1 bytes
+//     tP           touch
+//     wPT fPT      fileWrite of T that throws, or does not
+//     rP eP zP uP  fileRead, fileExists, fileSize, fileRemove
+//     TNI          truncates a file to 17 N bytes
+//     dPT          all of DirNode, with the extension T
+//     g            getCwd
+//     LIPT         makes one of three locks anew: directory P, file T
+//     lI yI RI     takes a lock, without and with re-entry allowed; releases it
+//     PI           readLockPid, once
+//     sITP pIT     a link T in a directory that leads to P, a FIFO
+//     nIIT vI cI   renames, removes, goes to a directory
 //
 // The second reader is a tree in memory, with names, kinds, contents, modes and owners of locks,
 // that follows paths by the rules of path_resolution(7). It goes first and says what each call is
@@ -427,6 +442,8 @@ class Play {
 void Play::_require( bool so, int line, char const* what ) {
    if( !so ) {
       std::fprintf( stderr, "%s\n", doing_.c_str() );
+      // The fuzzer writes the input to where it was.
+      static_cast<void>( fchdir( cwdBefore_ ) );
       std::error_code ignored;
       std::filesystem::remove_all( top_, ignored );
       Fuzz::finding( __FILE__, line, what );
