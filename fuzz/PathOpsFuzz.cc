@@ -96,6 +96,8 @@ class Tree {
 
    // What calls return in `errno`, 0 when they work.
    int makeDirectory( const std::string& path, unsigned mode );
+   // Not of what a link leads to.
+   void modeIs( const std::string& path, unsigned mode );
    int removeDirectory( const std::string& path );
    int unlink( const std::string& path );
    int open( const std::string& path, Node*& found );
@@ -241,6 +243,21 @@ int Tree::makeDirectory( const std::string& path, unsigned mode ) {
    }
    add( *place.parent, place.last, { .kind = Node::directory, .mode = mode } );
    return 0;
+}
+
+void Tree::modeIs( const std::string& path, unsigned mode ) {
+   Place place;
+   if( _find( path, Want::parent, place ) != 0 || !place.node ) {
+      return;
+   }
+   if( place.node->kind == Node::link ) {
+      if( !place.slash || _find( path, Want::target, place ) != 0 || !place.node ) {
+         return;
+      }
+   }
+   if( !place.slash || place.node->kind == Node::directory ) {
+      place.node->mode = mode;
+   }
 }
 
 int Tree::removeDirectory( const std::string& path ) {
@@ -567,22 +584,26 @@ Play::Outcome Play::_outcomeOf( Call&& call ) {
    }
 }
 
-// What is missing on the way from the top down, as soon as something is.
+// What had to wait for its parents gets its mode once more, also when a ".." behind them leads to
+// what was there.
 int Play::_modelMkpath( const std::string& path, unsigned mode ) {
    int error = tree_.makeDirectory( path, mode );
    if( error != ENOENT ) {
       return error == EEXIST ? 0 : error;
    }
-   for( std::size_t at = 1; at <= path.size(); ++at ) {
-      if( at == path.size() ||
-          ( path[ at ] == '/' && at >= top_.size() * path.starts_with( '/' ) ) ) {
-         error = tree_.makeDirectory( path.substr( 0, at ), mode );
-         if( error != 0 && error != EEXIST ) {
-            return error;
-         }
-      }
+   const std::size_t slash = path.rfind( '/' );
+   if( slash == std::string::npos || slash == 0 ) {
+      return ENOENT;
    }
-   return error == EEXIST ? 0 : error;
+   if( ( error = _modelMkpath( path.substr( 0, slash ), mode ) ) != 0 ) {
+      return error;
+   }
+   error = tree_.makeDirectory( path, mode );
+   if( error != 0 && error != EEXIST ) {
+      return error;
+   }
+   tree_.modeIs( path, mode );
+   return 0;
 }
 
 void Play::_mkpath( const std::string& path, unsigned mode ) {
