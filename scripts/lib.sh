@@ -21,13 +21,14 @@ packages_of() {
       ;;
    test) echo libgtest-dev libgmock-dev python3 ;;
    bench) echo libbenchmark-dev ;;
+   peers) echo libuv1-dev libev-dev libglib2.0-dev libsystemd-dev python3 ;;
    demo) echo python3 ;;
    format) echo clang-format-14 ;;
    lint) echo clang-tidy-14 cppcheck ;;
    coverage) echo gcovr ;;
    fuzz) echo clang-14 libclang-rt-14-dev ;;
    ci) echo clang-14 clang-format-14 libclang-rt-14-dev ;;
-   *) die "unknown need '$1' (there are: build test bench demo format lint coverage fuzz ci)" ;;
+   *) die "unknown need '$1' (there are: build test bench peers demo format lint coverage fuzz ci)" ;;
    esac
 }
 

@@ -81,7 +81,6 @@ struct Cell {
    std::vector<double> ns;
    double looksPerUnit = 0;
    std::optional<double> leastNs;
-   bool reached = true;
 };
 
 double median( std::vector<double> values ) {
@@ -94,7 +93,7 @@ std::string cellJson( const Cell& cell ) {
    if( cell.leastNs ) {
       return fmt::format( R"({{"over_ns": {:.1f}}})", *cell.leastNs );
    }
-   if( !cell.reached ) {
+   if( cell.ns.empty() ) {
       return "null";
    }
    return fmt::format( R"({{"ns": {:.2f}, "looks_per_unit": {:.5f}, "slices": [{:.2f}]}})",
@@ -117,17 +116,18 @@ Cells measure( const Row& row, std::size_t rowNumber, int passes ) {
       for( std::size_t at = 0; at < count; ++at ) {
          const std::size_t side = pass % 2 == 0 ? at : count - 1 - at;
          const auto taken = processes[ side ]->slice();
-         for( std::size_t step = 0; step < steps && taken && pass >= 0; ++step ) {
-            cells[ step ][ side ].ns.push_back( ( *taken )[ step ].ns );
-            cells[ step ][ side ].looksPerUnit = ( *taken )[ step ].looksPerUnit;
+         // The first slice finds everything cold; of a side that was ended then there is no other.
+         if( pass < 0 && !processes[ side ]->overrun() ) {
+            continue;
+         }
+         for( std::size_t step = 0; step < taken.size(); ++step ) {
+            cells[ step ][ side ].ns.push_back( taken[ step ].ns );
+            cells[ step ][ side ].looksPerUnit = taken[ step ].looksPerUnit;
          }
       }
    }
    for( std::size_t side = 0; side < count; ++side ) {
       if( const auto& overrun = processes[ side ]->overrun() ) {
-         for( std::size_t step = 0; step < steps; ++step ) {
-            cells[ step ][ side ].reached = false;
-         }
          cells[ overrun->step ][ side ].leastNs = overrun->leastNs;
       }
    }

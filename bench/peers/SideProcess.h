@@ -19,7 +19,8 @@ struct Taken {
    double looksPerUnit = 0;
 };
 
-// A slice whose budget was over: the step that it was in, and what a unit of that takes at least.
+// A slice whose budget was over: the step that it was in, and what a unit of that takes at least,
+// or 0 when it was none.
 struct Overrun {
    std::size_t step;
    double leastNs;
@@ -35,8 +36,8 @@ class SideProcess {
    SideProcess( const SideProcess& ) = delete;
    SideProcess& operator=( const SideProcess& ) = delete;
 
-   // Has it do one slice. Without a value it was ended, and `overrun` says why.
-   std::optional<std::vector<Taken>> slice();
+   // Has it do one slice. Where steps are missing it was ended, and `overrun` says why.
+   std::vector<Taken> slice();
    const std::optional<Overrun>& overrun() const { return overrun_; }
 
    // The life of such a process: does a slice for each byte on its standard input.
@@ -44,6 +45,8 @@ class SideProcess {
 
  private:
    void end();
+   // Of the process, since it began.
+   Time processorTime() const;
 
    std::size_t row_;
    std::size_t side_;
