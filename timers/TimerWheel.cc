@@ -7,9 +7,13 @@
 #include "timers/TimerTicks.h"
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cmath>
+#include <cstddef>
 #include <cstdio>
+#include <iterator>
+#include <memory_resource>
 #include <utility>
 
 namespace Quarn {
@@ -24,6 +28,23 @@ constexpr double infinity = std::numeric_limits<double>::infinity();
 
 // So many nodes of emptied buckets are kept; a burst beyond it goes back to the allocator.
 constexpr std::size_t spareBucketsMax = 256;
+
+// An event that is due, between the wheel and its bucket.
+struct Due {
+   double expiry;
+   // In which the events came.
+   std::size_t order;
+   TimerWheelEvent* ev;
+
+   friend bool operator<( const Due& a, const Due& b ) {
+      return a.expiry != b.expiry ? a.expiry < b.expiry : a.order < b.order;
+   }
+};
+
+// So many are sorted without memory from the allocator.
+constexpr std::size_t dueNear = spareBucketsMax;
+// How far ahead records are fetched; sorted, they lie anywhere.
+constexpr std::size_t dueAhead = 8;
 
 } // namespace
 
@@ -247,17 +268,43 @@ void TimerWheel::_bucketErase( Buckets::iterator bucket ) {
    }
 }
 
+// Puts the records of ticks that have come into their buckets. They come tick by tick, in no order
+// within a tick; sorted, each goes behind the last, which spares the walk down a tree that is as
+// large as what is due. Events of one time keep the order in which they come.
 void TimerWheel::_collect() {
-   while( ::timeout* record = timeouts_get( wheel_ ) ) {
-      auto* ev = static_cast<TimerWheelEvent*>( record );
-      ev->_moves( TimerWheelState::inTimerWheel, TimerWheelState::notLinked );
+   while( timeouts_expired( wheel_ ) ) {
+      alignas( Due ) std::array<std::byte, dueNear * sizeof( Due )> near;
+      std::pmr::monotonic_buffer_resource memory( near.data(), near.size() );
+      std::pmr::vector<Due> dues( &memory );
+      dues.reserve( dueNear );
       try {
-         _bucketAdd( ev );
-      } catch( ... ) {
-         // Without memory for a bucket the event goes back, so that it is not lost.
-         timeouts_add( wheel_, ev, ev->expires );
-         ev->stateIs( TimerWheelState::inTimerWheel );
-         throw;
+         while( timeouts_expired( wheel_ ) ) {
+            if( dues.size() == dues.capacity() ) {
+               dues.reserve( 2 * dues.size() );
+            }
+            auto* ev = static_cast<TimerWheelEvent*>( timeouts_get( wheel_ ) );
+            ev->_moves( TimerWheelState::inTimerWheel, TimerWheelState::notLinked );
+            dues.push_back( { ev->expirationTime_, dues.size(), ev } );
+         }
+      } catch( const std::bad_alloc& ) {
+         // Those that are here go first, and then there is room again.
+      }
+      std::sort( dues.begin(), dues.end() );
+      for( std::size_t i = 0; i < dues.size(); ++i ) {
+         if( i + dueAhead < dues.size() ) {
+            __builtin_prefetch( dues[ i + dueAhead ].ev, 1 );
+         }
+         try {
+            _bucketAdd( dues[ i ].ev );
+         } catch( ... ) {
+            // Without memory for a bucket the events go back, so that none is lost.
+            for( ; i < dues.size(); ++i ) {
+               TimerWheelEvent* ev = dues[ i ].ev;
+               timeouts_add( wheel_, ev, ev->expires );
+               ev->stateIs( TimerWheelState::inTimerWheel );
+            }
+            throw;
+         }
       }
    }
 }
@@ -279,6 +326,10 @@ unsigned long TimerWheel::_processExpiredTimers() {
       if( first->second.empty() ) {
          _bucketErase( first );
          continue;
+      }
+      // Among many timers the next record is far from the cache; it comes while this one is served.
+      if( const auto next = std::next( first ); next != timersExpiryingSoon_.end() ) {
+         __builtin_prefetch( next->second.front(), 1 );
       }
       auto* ev = static_cast<TimerWheelEvent*>( first->second.front() );
       first->second.unlink( ev );

@@ -12,8 +12,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <deque>
 #include <new>
 #include <sstream>
+#include <vector>
 
 #include <sys/wait.h>
 #include <unistd.h>
@@ -208,6 +210,51 @@ TEST( ShortageTest, TimerWithoutMemoryForItsLoopDoesNotRun ) {
    EXPECT_TRUE( root->timerWheelForTest()->checkForTest( {} ) );
    // Its destructor ended the process while the wheel still had it.
    task.reset();
+}
+
+class Recorded final : public TimerWheelEvent {
+ public:
+   Recorded( std::vector<int>& order, int place ) : order_( order ), place_( place ) {}
+   void timeout() override { order_.push_back( place_ ); }
+
+ private:
+   std::vector<int>& order_;
+   int place_;
+};
+
+// More than are sorted in place, in an order that is not that of their times.
+TEST( ShortageTest, TimersThatAreDueWaitForMemoryInOrder ) {
+   constexpr int count = 600;
+   unsigned thrown = 0;
+   const unsigned failed = withEachFailing( false, [ & ] {
+      memory::disarm();
+      const auto wheel =
+            getTimerWheelForTaskScheduler( Platform::EventPriority::eventPriorityDefault );
+      std::vector<int> order;
+      order.reserve( count );
+      std::deque<Recorded> events;
+      std::vector<TimerWheelEvent*> all;
+      std::vector<int> expected;
+      for( int n = 0; n < count; ++n ) {
+         const int place = n * 7 % count;
+         wheel->timerStart( all.emplace_back( &events.emplace_back( order, place ) ),
+                            -1000.0 + place );
+         expected.push_back( n );
+      }
+      const bool out = [ & ] {
+         const memory::Armed armed;
+         return badAllocOf( [ & ] { wheel->_processExpiredTimers(); } );
+      }();
+      thrown += out ? 1 : 0;
+      EXPECT_EQ( order.size(), out ? 0u : 1u * count );
+      EXPECT_TRUE( wheel->checkForTest( all ) );
+      wheel->_processExpiredTimers();
+      EXPECT_EQ( order, expected );
+   } );
+   // The place to sort in can be done without, a bucket cannot.
+   EXPECT_GE( failed, 1u * count );
+   EXPECT_GE( thrown, 1u * count );
+   EXPECT_LT( thrown, failed );
 }
 
 #endif

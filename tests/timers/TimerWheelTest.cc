@@ -10,11 +10,13 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <functional>
 #include <map>
 #include <random>
 #include <thread>
+#include <utility>
 
 namespace {
 
@@ -168,6 +170,26 @@ TEST_F( TimerWheelTest, EqualExpiriesFireInOrder ) {
    clock.advance( 100 );
    EXPECT_EQ( wheel->_processExpiredTimers(), 6u );
    EXPECT_THAT( order, ElementsAre( -1, 0, 1, 2, 3, 4 ) );
+}
+
+TEST_F( TimerWheelTest, ManyThatAreDueAtOnceFireInOrder ) {
+   // On a grid of milliseconds, over ten ticks: most have others of their time.
+   constexpr int count = 1000;
+   std::mt19937 random( 42 );
+   std::vector<std::pair<double, int>> expected;
+   std::vector<std::pair<double, int>> order;
+   std::vector<std::unique_ptr<Event>> events;
+   for( int n = 0; n < count; ++n ) {
+      const double delay = 1 + static_cast<int>( random() % 100 ) / 1000.0;
+      expected.emplace_back( delay, n );
+      events.push_back(
+            std::make_unique<Event>( [ &order, delay, n ] { order.emplace_back( delay, n ); } ) );
+      wheel->timerStart( events.back().get(), delay );
+   }
+   std::ranges::sort( expected );
+   clock.advance( 2 );
+   EXPECT_EQ( wheel->_processExpiredTimers(), 1u * count );
+   EXPECT_EQ( order, expected );
 }
 
 TEST_F( TimerWheelTest, SameExpiryIsNoMoveAndAnotherIs ) {
