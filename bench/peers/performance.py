@@ -12,6 +12,7 @@ import json
 import math
 import statistics
 import sys
+import textwrap
 from pathlib import Path
 
 # Looks at the descriptors that a unit of the row comes with; none where sides do as they like. A
@@ -153,13 +154,14 @@ class Figures:
     def about(self):
         machine = self.machine
         spreads = self.spread()
-        return (
+        return textwrap.fill(
             f"Taken on a {'virtual ' if machine['virtual'] else ''}machine with "
             f"{machine['cores']} cores, {machine['system']}, {machine['compiler']}, release build; "
             f"{', '.join(machine['versions'])}. The load average was {machine['load']} when it "
             f"began. The middle half of a cell's slices lies within "
             f"{100 * statistics.median(spreads):.0f} % of its median for one cell in two, and "
-            f"within {100 * statistics.quantiles(spreads, n=20)[-1]:.0f} % for 19 in 20."
+            f"within {100 * statistics.quantiles(spreads, n=20)[-1]:.0f} % for 19 in 20.",
+            100,
         )
 
     def plot(self, row, step, title):
@@ -187,8 +189,9 @@ class Figures:
             'font-family="sans-serif" font-size="12">',
             '<rect width="620" height="370" fill="white"/>',
             f'<text x="{left}" y="24" font-size="14" font-weight="bold">{title}</text>',
-            f'<text x="{left + width}" y="24" text-anchor="end">nanoseconds, by how many there '
-            "are</text>",
+            f'<text x="{left - 8}" y="24" text-anchor="end">ns</text>',
+            f'<text x="{left + width / 2:.0f}" y="{top + height + 42}" text-anchor="middle">'
+            "how many there are</text>",
         ]
         for power in range(1, 7):
             at = x(10**power)
