@@ -41,8 +41,9 @@ struct Due {
    }
 };
 
-// So many are sorted without memory from the allocator.
+// So many are sorted without memory from the allocator, and so many in one go, with 12 MB at most.
 constexpr std::size_t dueNear = spareBucketsMax;
+constexpr std::size_t dueMax = 262'144;
 // How far ahead records are fetched; sorted, they lie anywhere.
 constexpr std::size_t dueAhead = 8;
 
@@ -278,7 +279,7 @@ void TimerWheel::_collect() {
       std::pmr::vector<Due> dues( &memory );
       dues.reserve( dueNear );
       try {
-         while( timeouts_expired( wheel_ ) ) {
+         while( dues.size() < dueMax && timeouts_expired( wheel_ ) ) {
             if( dues.size() == dues.capacity() ) {
                dues.reserve( 2 * dues.size() );
             }
