@@ -34,7 +34,7 @@ String strerror( int error ) {
    int const before = errno;
    char buffer[ 128 ];
    // The GNU form: returns a constant text of its own, or fills the buffer for an unknown value.
-   String const text( ::strerror_r( error, buffer, sizeof( buffer ) ) );
+   String text( ::strerror_r( error, buffer, sizeof( buffer ) ) );
    errno = before;
    return text;
 }

@@ -7,6 +7,7 @@
 
 #include <concepts>
 #include <cstddef>
+#include <span>
 
 namespace Quarn::Impl {
 
@@ -22,9 +23,9 @@ struct HashMix {
 
    // Mixes in `size` bytes in order; `bytes` may be null when `size` is 0.
    HashMix& mix( void const* bytes, std::size_t size ) noexcept {
-      auto const* const begin = static_cast<unsigned char const*>( bytes );
-      for( std::size_t i = 0; i < size; ++i ) {
-         value_ = ( value_ ^ begin[ i ] ) * prime;
+      for( unsigned char const byte :
+           std::span( static_cast<unsigned char const*>( bytes ), size ) ) {
+         value_ = ( value_ ^ byte ) * prime;
       }
       return *this;
    }

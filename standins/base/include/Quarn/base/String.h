@@ -138,7 +138,7 @@ class QUARN_BASE_API String {
    // Touches no count when both already share a block.
    String& operator=( String const& other ) noexcept {
       if( !other.isInPlace() ) {
-         if( !isInPlace() && _block() == other._block() ) {
+         if( this == &other || ( !isInPlace() && _block() == other._block() ) ) {
             return *this;
          }
          other._block()->count.increment();
@@ -292,13 +292,13 @@ class QUARN_BASE_API String {
    String _pooled() const;
 
    Impl::StringBlock* _block() const noexcept {
-      Impl::StringBlock* block;
+      void* block;
       std::memcpy( &block, bytes_, sizeof( block ) );
-      return block;
+      return static_cast<Impl::StringBlock*>( block );
    }
 
    // For an object whose bytes are still those of the empty text.
-   void _blockIs( Impl::StringBlock* block ) noexcept {
+   void _blockIs( void* block ) noexcept {
       std::memcpy( bytes_, &block, sizeof( block ) );
       bytes_[ inPlaceMax ] = onHeap;
    }
