@@ -31,7 +31,7 @@ FileDescriptor::~FileDescriptor() {
    QUARN_TRACE_AS( oruQuarnHandler, 5, "FileDescriptor", "orphan", "fd:{}", getFd() );
    // Before all else, so that no notification finds a control that is half gone.
    notifiee_->owner_ = nullptr;
-   delFd();
+   FileDescriptor::delFd();
    notifiee_ = nullptr;
    descriptor_ = nullptr;
 }

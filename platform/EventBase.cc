@@ -111,7 +111,7 @@ void freeBaseWithLateKey() {
    static const pthread_key_t key = [] {
       pthread_key_t made;
       if( const int error = pthread_key_create( &made, []( void* ) { freeBaseOfThread(); } ) ) {
-         QUARN_FAIL( "Quarn", "pthread_key_create() failed: {}", error );
+         QUARN_FAIL_AS( "Quarn", "freeBaseWithLateKey", "pthread_key_create() failed: {}", error );
       }
       return made;
    }();
@@ -162,7 +162,7 @@ void baseAfterFork() {
 
 void escapeFromCallback() {
    if( !threadBase.loopRunning || !threadBase.base ) {
-      throw;
+      std::rethrow_exception( std::current_exception() );
    }
    if( !escaped ) {
       escaped = std::current_exception();

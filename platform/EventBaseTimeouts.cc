@@ -9,10 +9,7 @@
 #include <vector>
 
 // What follows knows how 2.1 lays out an event and what it keeps in `ev_timeout`.
-#if !defined( LIBEVENT_VERSION_NUMBER ) || LIBEVENT_VERSION_NUMBER < 0x02010000 || \
-      LIBEVENT_VERSION_NUMBER >= 0x02020000
-#error "the layout of events is known for libevent 2.1 only"
-#endif
+static_assert( LIBEVENT_VERSION_NUMBER >= 0x02010000 && LIBEVENT_VERSION_NUMBER < 0x02020000 );
 
 namespace Quarn::Platform {
 

@@ -120,7 +120,7 @@ bool fastForwardStep( double maxTimeout, int flagsOfWait ) {
       dispatch( EVLOOP_ONCE | flagsOfWait );
       return event_base_got_break( threadBase.base ) || event_base_got_exit( threadBase.base );
    }
-   if( !hasTimer || !timercmp( &jump, &max, < ) ) {
+   if( !hasTimer || !Platform::isBefore( jump, max ) ) {
       jump = max;
    }
    applyFastForwardDelta( &jump );

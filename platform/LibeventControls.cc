@@ -305,7 +305,7 @@ double LibeventTimerControl::remainingTimeout() const {
    }
    timeval now{};
    gettimeofday( &now, nullptr );
-   if( !timercmp( &expiry, &now, > ) ) {
+   if( !Platform::isBefore( now, expiry ) ) {
       return 0.0;
    }
    timeval left{};

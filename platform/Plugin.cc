@@ -10,6 +10,7 @@
 #include <optional>
 #include <string>
 #include <unordered_map>
+#include <utility>
 
 #include <dlfcn.h>
 
@@ -27,14 +28,14 @@ struct Failure {
 
 // One `dlopen` under way on this thread, and the first failure met meanwhile.
 struct Load {
-   Load() { innermost = this; }
+   Load() : outer( std::exchange( innermost, this ) ) {}
    ~Load() { innermost = outer; }
    Load( const Load& ) = delete;
    Load& operator=( const Load& ) = delete;
 
    static constinit thread_local Load* innermost;
 
-   Load* const outer = innermost;
+   Load* const outer;
    std::optional<Failure> failure;
 };
 

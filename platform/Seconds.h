@@ -12,4 +12,8 @@ namespace Quarn::Platform {
 // Errors: fatal on NaN ("invalid timeout ...").
 timeval secondsToTimeval( double seconds );
 
+inline bool isBefore( const timeval& a, const timeval& b ) {
+   return a.tv_sec != b.tv_sec ? a.tv_sec < b.tv_sec : a.tv_usec < b.tv_usec;
+}
+
 } // namespace Quarn::Platform

@@ -5,6 +5,7 @@
 #include "debug/Handlers.h"
 #include "platform/EventBase.h"
 #include "platform/EventBaseTimeouts.h"
+#include "platform/Seconds.h"
 #include "platform/VirtualTime.h"
 
 #include <event2/event.h>
@@ -134,7 +135,7 @@ bool Platform::delayToFirstTimer( timeval* out ) {
       return false;
    }
    const timeval now = baseNow();
-   if( !timercmp( &first, &now, > ) ) {
+   if( !isBefore( now, first ) ) {
       QUARN_TRACE_AS( libeventHandler, 9, "Quarn", function,
                       "first timer expired at {} now {} return zero delta", text( first ),
                       text( now ) );
