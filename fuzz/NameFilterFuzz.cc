@@ -10,10 +10,8 @@
 #include <Quarn/stats/TaskNameRegex.h>
 
 // The filter's limit, so that the same expressions are too large.
-#ifdef _GLIBCXX_REGEX_STATE_LIMIT
-#error "<regex> is included before its limit is set"
-#endif
-#define _GLIBCXX_REGEX_STATE_LIMIT 8192
+static_assert( _GLIBCXX_REGEX_STATE_LIMIT == 8192 );
+
 // GCC 12 under the address sanitizer does not see that only states that have a matcher move it.
 #if defined( __GNUC__ ) && !defined( __clang__ )
 #pragma GCC diagnostic push

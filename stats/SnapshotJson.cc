@@ -183,8 +183,8 @@ void putTask( Json::Buffer& out, const TaskStat& stat, bool completed ) {
    line.text( ",\"qv200\":" ).number( stat.taskQuantumViolation200() );
    line.text( ",\"qv500\":" ).number( stat.taskQuantumViolation500() );
    line.text( ",\"maxMs\":" )
-         .number( static_cast<std::int64_t>( secondsOf( stat.taskRunTimeHighWaterMark() ) * 1000 +
-                                             0.5 ) );
+         .number( std::int64_t{
+               std::llround( secondsOf( stat.taskRunTimeHighWaterMark() ) * 1000 ) } );
    if( completed ) {
       line.text( ",\"completedCount\":" ).number( stat.taskCompletedCount() );
    }

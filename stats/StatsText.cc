@@ -8,6 +8,7 @@
 #include <fmt/compile.h>
 
 #include <algorithm>
+#include <cmath>
 #include <iostream>
 #include <iterator>
 #include <new>
@@ -62,8 +63,7 @@ void appendHeader( Text& line, bool completed ) {
 // What follows the name in a row. Marks that were never set take the numbers beside them with them.
 void appendColumns( Text& line, const TaskStat& stat, bool completed ) {
    const auto to = std::back_inserter( line );
-   const auto maxMs =
-         static_cast<std::int64_t>( seconds( stat.taskRunTimeHighWaterMark() ) * 1000 + 0.5 );
+   const std::int64_t maxMs = std::llround( seconds( stat.taskRunTimeHighWaterMark() ) * 1000 );
    fmt::format_to( to,
                    FMT_COMPILE( " {:2s} {:>10d} {:>13.3f} {:>6.3f} {:>7.3f} {:>4d} {:>4d} {:>5d}" ),
                    std::string_view( stat.taskStatusString() ), stat.taskRunCount(),

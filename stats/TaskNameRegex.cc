@@ -4,12 +4,11 @@
 
 // Matching recurses once for each state that takes no character, and a counted repeat writes its
 // operand out: with the 100000 states that are usual, `(a?){9999}` needs megabytes of stack. This
-// many still hold every pattern of the allowed length. The limit is read by the templates below,
-// which are our own through the traits class, so that other users of <regex> keep theirs.
-#ifdef _GLIBCXX_REGEX_STATE_LIMIT
-#error "<regex> is included before its limit is set"
-#endif
-#define _GLIBCXX_REGEX_STATE_LIMIT 8192
+// many still hold every pattern of the allowed length. The build sets the limit for this file; the
+// templates below read it, which are our own through the traits class, so that other users of
+// <regex> keep theirs.
+static_assert( _GLIBCXX_REGEX_STATE_LIMIT == 8192 );
+
 // GCC 12 under the address sanitizer does not see that only states that have a matcher move it.
 #if defined( __GNUC__ ) && !defined( __clang__ )
 #pragma GCC diagnostic push

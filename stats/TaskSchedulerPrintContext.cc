@@ -37,10 +37,10 @@ void* Memory::Realloc( void* old, std::size_t oldSize, std::size_t size ) {
    constexpr std::uintptr_t page = 2 << 20;
    if( oldSize < page && size >= 4 * page ) {
       const auto begin = reinterpret_cast<std::uintptr_t>( block );
-      const std::uintptr_t first = ( begin + page - 1 ) / page * page;
-      const std::uintptr_t end = ( begin + size ) / page * page;
+      const std::uintptr_t before = ( page - begin % page ) % page;
+      const std::uintptr_t whole = ( size - before ) / page * page;
       // Advice, which may be refused.
-      madvise( reinterpret_cast<void*>( first ), end - first, MADV_HUGEPAGE );
+      madvise( static_cast<char*>( block ) + before, whole, MADV_HUGEPAGE );
    }
    return block;
 }

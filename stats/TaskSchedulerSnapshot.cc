@@ -23,7 +23,7 @@ TaskSchedulerSnapshot::TaskSchedulerSnapshot( TaskScheduler const* scheduler, St
                                               bool includeHistory, TaskNameRegex const* filter,
                                               std::uint32_t displayOrder,
                                               bool threadSanityDisabled )
-      : schedulerName_( name.empty() ? scheduler->schedulerName() : std::move( name ) ),
+      : schedulerName_( name.empty() ? scheduler->schedulerName() : name ),
         taskNameRegex_( filter ? filter->pattern() : String() ),
         taskNameRegexError_( filter ? filter->error() : String() ),
         priorityStats_( scheduler->queueStats() ),
@@ -46,7 +46,7 @@ TaskSchedulerSnapshot::TaskSchedulerSnapshot( TaskScheduler const* scheduler, St
    _addSubSchedulers( *scheduler, includeNoRuns, includeCompleted, includeHistory, filter );
 }
 
-TaskSchedulerSnapshot::TaskSchedulerSnapshot( TaskSchedulerSnapshot&& ) = default;
+TaskSchedulerSnapshot::TaskSchedulerSnapshot( TaskSchedulerSnapshot&& ) noexcept = default;
 
 TaskSchedulerSnapshot::~TaskSchedulerSnapshot() = default;
 

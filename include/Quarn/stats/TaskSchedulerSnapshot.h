@@ -49,7 +49,7 @@ class ORUQUARN_API TaskSchedulerSnapshot {
    TaskSchedulerSnapshot( TaskScheduler const* scheduler, String name, bool includeNoRuns,
                           bool includeCompleted, bool includeHistory, TaskNameRegex const* filter,
                           std::uint32_t displayOrder, bool threadSanityDisabled );
-   TaskSchedulerSnapshot( TaskSchedulerSnapshot&& );
+   TaskSchedulerSnapshot( TaskSchedulerSnapshot&& ) noexcept;
    ~TaskSchedulerSnapshot();
    TaskSchedulerSnapshot( const TaskSchedulerSnapshot& ) = delete;
    TaskSchedulerSnapshot& operator=( const TaskSchedulerSnapshot& ) = delete;
