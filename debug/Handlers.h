@@ -172,11 +172,11 @@ template<typename... Args>
    ::Quarn::Impl::dieAt( QUARN_SOURCE_AT( className, function ), __VA_ARGS__ )
 
 // Fails with a streamed text as if from `function`.
-#define QUARN_STREAM_FAIL_AS( function, text )                                  \
+#define QUARN_STREAM_FAIL_AS( function, ... )                                   \
    do {                                                                         \
       ::Quarn::Platform::DebugStream quarnFailText;                             \
-      quarnFailText << text;                                                    \
+      quarnFailText << __VA_ARGS__;                                             \
       ::Quarn::debugAndAssert( quarnFailText, sourceFile, function, __LINE__ ); \
    } while( false )
 
-#define QUARN_STREAM_FAIL( text ) QUARN_STREAM_FAIL_AS( __func__, text )
+#define QUARN_STREAM_FAIL( ... ) QUARN_STREAM_FAIL_AS( __func__, __VA_ARGS__ )

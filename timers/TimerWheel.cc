@@ -462,7 +462,7 @@ bool TimerWheel::checkForTest( std::span<TimerWheelEvent* const> events ) const 
       inBuckets -= state == TimerWheelState::inTimersExpiryingSoon ? 1 : 0;
    }
    if( inBuckets != 0 ) {
-      complain( "number of events in buckets is off by", reinterpret_cast<void*>( inBuckets ) );
+      complain( "number of events in buckets is wrong", this );
    }
    return good;
 }

@@ -20,6 +20,11 @@ namespace {
 constexpr std::uint64_t word = sizeof( void* );
 static_assert( word == sizeof( std::uint64_t ) );
 
+template<typename T>
+T const* at( std::uint64_t address ) {
+   return std::bit_cast<T const*>( address );
+}
+
 // For functions that read what is mapped, wherever a sanitizer sees the bounds of objects in it.
 // They read byte by byte, as the functions of the C library are checked.
 #define RAW_READ __attribute__( ( no_sanitize( "address" ) ) )
@@ -28,19 +33,17 @@ static_assert( word == sizeof( std::uint64_t ) );
 RAW_READ std::uint64_t wordAt( std::uint64_t address ) {
    std::array<unsigned char, word> bytes;
    for( unsigned i = 0; i < word; ++i ) {
-      bytes[ i ] = reinterpret_cast<unsigned char const*>( address )[ i ];
+      bytes[ i ] = at<unsigned char>( address )[ i ];
    }
    return std::bit_cast<std::uint64_t>( bytes );
 }
 
 RAW_READ bool hasZeroByte( std::uint64_t address, std::uint64_t end ) {
-   while( address != end && *reinterpret_cast<char const*>( address ) != 0 ) {
+   while( address != end && *at<char>( address ) != 0 ) {
       ++address;
    }
    return address != end;
 }
-
-void const* pointer( std::uint64_t address ) { return reinterpret_cast<void const*>( address ); }
 
 // Whether the file of `other` is in this process, if need be by loading it, for good: the name that
 // is found lives in it.
@@ -117,12 +120,12 @@ char const* typenameFromVptr( int otherPid, void const* vptr, String& error ) {
    if( !found ) {
       return failed( fmt::format(
             "No typeInfo mapping found for vptr:{} otherPid:{} typeInfoPtr:{} myMapping:{}", vptr,
-            otherPid, pointer( typeInfo ), *my ) );
+            otherPid, at<void>( typeInfo ), *my ) );
    }
    if( !found->holds( typeInfo, 2 * word ) ) {
       return failed( fmt::format(
             "TypeInfo ptr crosses mappings, vptr:{} otherPid:{} typeInfoPtr:{} myMapping:{}", vptr,
-            otherPid, pointer( typeInfo ), *my ) );
+            otherPid, at<void>( typeInfo ), *my ) );
    }
    // Both are constants that the loader has relocated, so one mapping has them; code, which the
    // word before something else may point to, has its own.
@@ -134,10 +137,10 @@ char const* typenameFromVptr( int otherPid, void const* vptr, String& error ) {
    if( !isText( mine, name ) ) {
       return failed(
             fmt::format( "Bad type name:{} for vptr:{} otherPid:{} typeInfoPtr:{} myMapping:{}",
-                         pointer( name ), vptr, otherPid, pointer( typeInfo ), *my ) );
+                         at<void>( name ), vptr, otherPid, at<void>( typeInfo ), *my ) );
    }
    // A "*" before a name says that the type is local to its library; it is no part of the name.
-   char const* const text = reinterpret_cast<char const*>( name );
+   char const* const text = at<char>( name );
    return *text == '*' ? text + 1 : text;
 }
 

@@ -24,7 +24,7 @@ Quarn::String UserNames::name( uid_t uid ) {
       room.resize( room.size() * 2 );
       error = getpwuid_r( uid, &entry, room.data(), room.size(), &found );
    }
-   const Quarn::String name( found ? found->pw_name : fmt::format( "{}", uid ) );
+   Quarn::String name( found ? found->pw_name : fmt::format( "{}", uid ) );
    // These errors are ways to say that there is no such user; getpwnam(3) lists them.
    const bool settled = error == 0 || error == ENOENT || error == ESRCH || error == EPERM;
    if( settled ) {

@@ -184,7 +184,7 @@ class ORUQUARN_API TaskSchedulerRoot final : public TaskScheduler,
    // number is the thread pointer.
    bool _isOwnThread() const {
 #if defined( __x86_64__ ) && defined( __GLIBC__ ) && __has_builtin( __builtin_thread_pointer )
-      return __builtin_thread_pointer() == reinterpret_cast<void*>( threadId_ );
+      return reinterpret_cast<pthread_t>( __builtin_thread_pointer() ) == threadId_;
 #else
       return pthread_equal( pthread_self(), threadId_ ) != 0;
 #endif
