@@ -56,7 +56,7 @@ class FilterSides final : public Sides {
          }
       } );
       // The numbers of at most five digits without a 7 are 9 to the power of 5.
-      constexpr std::int64_t without = 9 * 9 * 9 * 9 * 9;
+      constexpr std::int64_t without = std::int64_t{ 9 } * 9 * 9 * 9 * 9;
       if( found != names - without ) {
          fmt::print( stderr, "{} of {} names matched\n", found, names );
          std::abort();

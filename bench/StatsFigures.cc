@@ -4,6 +4,7 @@
 #include "NamedTask.h"
 
 #include <algorithm>
+#include <cmath>
 #include <cstdlib>
 #include <random>
 #include <sstream>
@@ -185,10 +186,10 @@ class JsonSides final : public Sides {
                 stat.taskSchedulingLatencyHighWaterMark() );
       _number( writer, "qv200", stat.taskQuantumViolation200() );
       _number( writer, "qv500", stat.taskQuantumViolation500() );
-      _number( writer, "maxMs",
-               static_cast<std::uint64_t>(
-                     static_cast<double>( stat.taskRunTimeHighWaterMark().count() ) / 1e9 * 1000 +
-                     0.5 ) );
+      _number(
+            writer, "maxMs",
+            static_cast<std::uint64_t>( std::llround(
+                  static_cast<double>( stat.taskRunTimeHighWaterMark().count() ) / 1e9 * 1000 ) ) );
       if( stat.taskWorkCountHighWaterMark() != Quarn::taskStatUnset ) {
          _key( writer, "workCount" );
          writer.StartObject();
@@ -300,7 +301,7 @@ class TextSides final : public Sides {
             _seconds( stat.taskTotalRunTime() ), _seconds( stat.taskLastSchedulingLatency() ),
             _seconds( stat.taskSchedulingLatencyHighWaterMark() ), stat.taskQuantumViolation200(),
             stat.taskQuantumViolation500(),
-            static_cast<int>( _seconds( stat.taskRunTimeHighWaterMark() ) * 1000 + 0.5 ),
+            std::lround( _seconds( stat.taskRunTimeHighWaterMark() ) * 1000 ),
             number( work, stat.taskWorkCountTotal() ),
             work ? fmt::format( "{:6.1f}", stat.taskWorkCountDecayAvg() ) : std::string( "-" ),
             number( work, stat.taskWorkCountHighWaterMark() ),

@@ -85,11 +85,6 @@ class FrameworkMode {
 
 class FrameworkTurnSides final : public Sides {
  public:
-   FrameworkTurnSides() {
-      const FrameworkMode mode;
-      framework_ = std::make_shared<AgainTask>( Quarn::schedulerRootQuarnNonShared( "BenchRoot" ) );
-   }
-
    Time ours() override {
       const FrameworkMode mode;
       return framework_->run( turns );
@@ -98,7 +93,12 @@ class FrameworkTurnSides final : public Sides {
    Time floor() override { return libevent_->run( turns ); }
 
  private:
-   std::shared_ptr<AgainTask> framework_;
+   static std::shared_ptr<AgainTask> onFramework() {
+      const FrameworkMode mode;
+      return std::make_shared<AgainTask>( Quarn::schedulerRootQuarnNonShared( "BenchRoot" ) );
+   }
+
+   std::shared_ptr<AgainTask> framework_ = onFramework();
    std::shared_ptr<AgainTask> libevent_ = std::make_shared<AgainTask>();
 };
 

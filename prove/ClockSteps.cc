@@ -66,7 +66,7 @@ constinit Result* result = nullptr;
 // -------------------------------------------------------------------------------------- the steps
 
 constexpr std::int64_t hour = 3600;
-constexpr std::int64_t year = 365 * 24 * hour;
+constexpr std::int64_t year = hour * 24 * 365;
 constexpr std::array<std::int64_t, 12> steps{
       1, -1, 7, -13, hour, -hour, year, -year, 5 * hour, -9 * hour, 20 * year, -20 * year };
 
@@ -324,6 +324,7 @@ void virtualTime( std::uint64_t rounds, std::uint64_t seed, bool ) {
    for( std::uint64_t r = 0; r < rounds; ++r ) {
       const double start = loop.now();
       std::vector<std::uint64_t> before;
+      before.reserve( tasks.size() );
       for( const auto& task : tasks ) {
          before.push_back( task->runs );
       }

@@ -99,10 +99,10 @@ Function* realOf( Function* /* of the same type */, char const* name ) {
       }                               \
    } while( false )
 // A static pointer without a guard: two threads find the same.
-#define REAL( name )                        \
-   static decltype( &name ) real = nullptr; \
-   if( !real ) {                            \
-      real = realOf( &name, #name );        \
+#define REAL( name )                            \
+   static decltype( &( name ) ) real = nullptr; \
+   if( !real ) {                                \
+      real = realOf( &( name ), #name );        \
    }
 
 extern "C" {

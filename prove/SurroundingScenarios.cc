@@ -57,6 +57,7 @@ void debugHandlers( Trial& trial ) {
       setenv( "TRACE", "", 1 );
       Oru::TraceFacilityMan::doReadEnvironment();
    };
+   constexpr char const* function = "traces";
    settings();
    std::shared_ptr<Platform::DebugHandler> handler;
    constexpr May ends{ nullptr, nullptr, "never throws; a failure ends the process" };
@@ -76,14 +77,14 @@ void debugHandlers( Trial& trial ) {
                { "a line that finds no memory is dropped", nullptr,
                  "an exception inside ends the process" } );
    trial.call( "dumpDebugMsg",
-               [ & ] { dumpDebugMsg( longName( "message" ), 5, *handler, __FILE__, __func__, 1 ); },
+               [ & ] { dumpDebugMsg( longName( "message" ), 5, *handler, __FILE__, function, 1 ); },
                { "never throws: a line that finds no memory is dropped", nullptr, nullptr } );
    trial.call(
          "dump",
          [ & ] {
             Platform::DebugStream text;
             text << longName( "streamed" );
-            handler->dump( text, 5, __FILE__, __func__, 1 );
+            handler->dump( text, 5, __FILE__, function, 1 );
          },
          { "throws nothing: a line that finds no memory is dropped, a stream keeps it as its bad "
            "bit",
@@ -91,19 +92,19 @@ void debugHandlers( Trial& trial ) {
    String thrown;
    trial.call( "fmthrow",
                [ & ] {
-                  thrown = fmthrow( *handler, 5, "Prover", __FILE__, __func__, 1, "{} and {}", 1,
+                  thrown = fmthrow( *handler, 5, "Prover", __FILE__, function, 1, "{} and {}", 1,
                                     std::string_view( "a text that does not fit in place" ) );
                },
                { "a line that finds no memory is dropped", nullptr, nullptr } );
    trial.call( "fmtracestr", [ & ] {
-      thrown = fmtracestr( true, "Prover", __FILE__, __func__, 1, "{} and {}", 1,
+      thrown = fmtracestr( true, "Prover", __FILE__, function, 1, "{} and {}", 1,
                            std::string_view( "a text that does not fit in place" ) );
    } );
    bool asserted = false;
    trial.call( "fmassert",
                [ & ] {
                   try {
-                     fmassert( *handler, "Prover", __FILE__, __func__, 1, "{} is not {}", 1, 2 );
+                     fmassert( *handler, "Prover", __FILE__, function, 1, "{} is not {}", 1, 2 );
                   } catch( const AssertException& ) {
                      asserted = true;
                   }

@@ -392,7 +392,7 @@ const Operation trace{ "a trace",
 const Operation mkpath{ "mkpath",
                         []( Scene& scene ) {
                            const std::string path = scene.path( "a/b" );
-                           const std::string outcome = scene.faulty(
+                           std::string outcome = scene.faulty(
                                  [ & ] { return answer( Util::mkpath( path.c_str(), 0755 ) ); } );
                            std::filesystem::remove_all( scene.path( "a" ) );
                            return outcome;
@@ -403,7 +403,7 @@ const Operation trimpath{ "trimpath",
                           []( Scene& scene ) {
                              const std::string path = scene.path( "a/b" );
                              std::filesystem::create_directories( path );
-                             const std::string outcome = scene.faulty( [ & ] {
+                             std::string outcome = scene.faulty( [ & ] {
                                 return answer( Util::trimpath( path.c_str(), "a/b" ) );
                              } );
                              std::filesystem::remove_all( scene.path( "a" ) );
@@ -738,7 +738,7 @@ const Operation mostSendBuffer{ "SYSTEM_MAX_SEND_BUFFER_SIZE",
 const Operation enterNamespace{ "setnsByName",
                                 []( Scene& scene ) {
                                    proveNamespacesAreFree( true );
-                                   const std::string outcome = scene.faulty( [] {
+                                   std::string outcome = scene.faulty( [] {
                                       return answer( setnsByName( DEFAULT_NS, CLONE_NEWNET ) );
                                    } );
                                    scene.said += netnsGetTracebuffer();

@@ -65,7 +65,7 @@ class Trial {
    //
    // Errors: `Fault`.
    template<typename Body>
-   void call( char const* name, const Body& body, May may = {} ) {
+   void call( char const* name, const Body& body, const May& may = {} ) {
       _enters( name, may );
       const bool before = memory::hasFailed();
       const Answer answer = _attempt( body, may );
