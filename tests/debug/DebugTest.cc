@@ -191,8 +191,7 @@ TEST( DebugTest, DebuggableSharesItsHandler ) {
    QUARN_FMTRACE( empty, 0, "Empty", "nothing {}", 1 );
    fmtrace( empty, 0, "File", "f", 1, "Empty", "nothing" );
    const Debuggable named( "Named", false );
-   const Debuggable copy = named;
-   EXPECT_EQ( copy.debugHandler(), named.debugHandler() );
+   EXPECT_EQ( Debuggable( named ).debugHandler(), named.debugHandler() );
    const Debuggable fromReference( *named.debugHandler() );
    EXPECT_EQ( fromReference.debugHandler(), named.debugHandler() );
    OruQuarn::OruDebug notShared( "Stack", false );
@@ -206,6 +205,7 @@ TEST( DebugTest, TracesArriveWholeFromManyThreads ) {
    // Appending keeps the offsets of concurrent writers apart.
    fcntl( STDERR_FILENO, F_SETFL, O_APPEND );
    std::vector<std::thread> threads;
+   threads.reserve( 4 );
    for( int n = 0; n < 4; ++n ) {
       threads.emplace_back( [ & ] {
          for( int i = 0; i < 200; ++i ) {

@@ -84,7 +84,7 @@ Bytes joined( const std::vector<Bytes>& parts ) {
    return bytes;
 }
 
-const std::string eth0( "eth0", 5 );
+const std::string eth0( "eth0\0", 5 );
 constexpr unsigned running = IFF_UP | IFF_RUNNING;
 
 // Parsed from a block of exactly its size at an odd address, so that a sanitizer sees a read beyond

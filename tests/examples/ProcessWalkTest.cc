@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include <system_error>
+#include <utility>
 #include <vector>
 
 #include <unistd.h>
@@ -21,9 +22,10 @@ using ::testing::ElementsAre;
 class ProcessWalkTest : public ::testing::Test {
  protected:
    std::shared_ptr<ProcessWalk> walkOf( const std::string& folder ) {
-      return std::make_shared<ProcessWalk>(
-            Quarn::schedulerRootQuarn(), folder,
-            [ this ]( std::shared_ptr<const ProcessTable> table ) { tables_.push_back( table ); } );
+      return std::make_shared<ProcessWalk>( Quarn::schedulerRootQuarn(), folder,
+                                            [ this ]( std::shared_ptr<const ProcessTable> table ) {
+                                               tables_.push_back( std::move( table ) );
+                                            } );
    }
 
    std::vector<pid_t> pids() const {
@@ -63,8 +65,9 @@ TEST_F( ProcessWalkTest, GoesOnInTheNextRunOfItsGroup ) {
    const auto group = Quarn::TaskGroup::TaskGroupIs( "group", Quarn::TaskPriority::low, false,
                                                      Quarn::schedulerRootQuarn() );
    const auto walk = std::make_shared<ProcessWalk>(
-         group, folder_.path(),
-         [ this ]( std::shared_ptr<const ProcessTable> table ) { tables_.push_back( table ); } );
+         group, folder_.path(), [ this ]( std::shared_ptr<const ProcessTable> table ) {
+            tables_.push_back( std::move( table ) );
+         } );
    // Has the group yield after each of the walk's runs, too.
    walk->taskForceYieldInTestIs( true );
    walk->walkStart();

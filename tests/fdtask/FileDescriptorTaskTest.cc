@@ -83,7 +83,7 @@ class FileDescriptorTaskTest : public testing::Test {
  protected:
    FileDescriptorTaskTest() { root->historyEntryCountIs( 100000 ); }
 
-   std::shared_ptr<Io> io( int fd, std::shared_ptr<TaskScheduler> scheduler = nullptr,
+   std::shared_ptr<Io> io( int fd, const std::shared_ptr<TaskScheduler>& scheduler = nullptr,
                            String name = "t" ) {
       auto task = std::make_shared<Io>( scheduler ? scheduler : root, TaskPriority::normal,
                                         std::move( name ) );
@@ -119,7 +119,8 @@ class FileDescriptorTaskTest : public testing::Test {
 // The handler under the task, which is nobody's business but its control's.
 Platform::FdEventHandler& handlerOf( Io& task ) {
    using Handler = Platform::FdEventHandler*;
-   return *Handler( &task );
+   auto* const handler = Handler( &task );
+   return *handler;
 }
 
 TEST_F( FileDescriptorTaskTest, ReadsForAsLongAsThereIsDataAndWritesWhenAsked ) {

@@ -175,6 +175,7 @@ TEST( IntrospectionMapTest, ConcurrentInsertsLoseNothing ) {
       return Quarn::String( std::to_string( thread ) + "-" + std::to_string( n ) );
    };
    constexpr int each = 1000;
+   threads.reserve( 2 );
    for( int thread = 0; thread < 2; ++thread ) {
       threads.emplace_back( [ &name, thread ] {
          for( int n = 0; n < each; ++n ) {

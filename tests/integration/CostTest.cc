@@ -94,6 +94,7 @@ TEST( CostTest, RunTakesOnePollThreeClockReadsAndNoMemory ) {
 TEST( CostTest, HotPathsAllocateNothing ) {
    const auto root = schedulerRootQuarnNonShared( "root" );
    std::vector<std::shared_ptr<Counting>> tasks;
+   tasks.reserve( 16 );
    for( int n = 0; n < 16; ++n ) {
       tasks.push_back( std::make_shared<Counting>(
             root, TaskPriority( static_cast<std::uint8_t>( n % 6 ) ),

@@ -218,6 +218,7 @@ TEST( RootTest, ThreadsRunTheirRootsSideBySide ) {
    }
    std::atomic<int> total{ 0 };
    std::vector<std::thread> threads;
+   threads.reserve( 2 );
    for( int t = 0; t < 2; ++t ) {
       threads.emplace_back( [ & ] {
          const auto root = schedulerRootQuarn();

@@ -379,6 +379,7 @@ TEST_F( TaskRunTest, CriticalTasksRunInsideANormalOne ) {
    auto normal = task( TaskPriority::normal, "normal" );
    std::vector<std::string> order;
    std::vector<std::shared_ptr<FunctionTask>> critical;
+   critical.reserve( 3 );
    for( int n = 0; n < 3; ++n ) {
       critical.push_back(
             task( TaskPriority::critical, fmt::format( "test{}", n ), [ & ]( FunctionTask& self ) {

@@ -9,6 +9,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <bit>
 #include <cmath>
 #include <cstdlib>
 #include <fstream>
@@ -61,7 +62,7 @@ struct SnapshotForTest {
    }
 
    static TaskStat record( String name, std::uintptr_t address, TaskPriority priority ) {
-      return TaskStat( std::move( name ), reinterpret_cast<TaskImpl const*>( address ), priority );
+      return TaskStat( std::move( name ), std::bit_cast<TaskImpl const*>( address ), priority );
    }
    static TaskStat idle( String name, TaskStat::duration time ) {
       TaskStat stat = record( std::move( name ), 16, TaskPriority::normal );
@@ -191,7 +192,7 @@ TEST( SnapshotJsonTest, NamesAreMadeValidUtf8 ) {
    const std::pair<char, std::string> characters[] = {
          { '\x1F', "\\u001F" }, { '"', "\\\"" }, { '\\', "\\\\" }, { '\x80', fffd( 1 ) },
          { ' ', " " },          { '!', "!" },    { '#', "#" },     { '[', "[" } };
-   for( std::size_t i = 0; i < 30 * 30; ++i ) {
+   for( std::size_t i = 0; i < std::size_t{ 30 } * 30; ++i ) {
       const std::size_t before = i % 30;
       const std::size_t after = i / 30;
       for( const auto& [ c, shown ] : characters ) {

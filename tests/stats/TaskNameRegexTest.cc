@@ -73,7 +73,7 @@ std::string manyGroups( int count ) {
 void onSmallStack( const std::function<void()>& body ) {
    pthread_attr_t attributes;
    ASSERT_EQ( pthread_attr_init( &attributes ), 0 );
-   ASSERT_EQ( pthread_attr_setstacksize( &attributes, 256 * 1024 ), 0 );
+   ASSERT_EQ( pthread_attr_setstacksize( &attributes, std::size_t{ 256 } * 1024 ), 0 );
    const auto run = []( void* argument ) -> void* {
       ( *static_cast<const std::function<void()>*>( argument ) )();
       return nullptr;
@@ -194,7 +194,7 @@ TEST( TaskNameRegexTest, WorkBetweenComparisonsCountsToo ) {
    const auto nested = []( int depth ) {
       std::string pattern = "(?:(?=.).)*";
       while( depth-- > 0 ) {
-         pattern = "(?:(?=" + pattern + ").)*";
+         pattern.insert( 0, "(?:(?=" ).append( ").)*" );
       }
       return pattern;
    };

@@ -545,10 +545,8 @@ Operation Play::_draw( model::Task* self ) {
          constexpr double ranges[] = { 0.02, 0.5, 20.0, 500.0 };
          op.seconds = ranges[ _below( 4 ) ] * _fraction();
          return op;
-      } else if( draws( Do::deliver, 20 ) ) {
-         return op;
-      } else if( draws( Do::runCritical, 8 ) ) {
-         if( !model_.runsCritical ) {
+      } else if( draws( Do::deliver, 20 ) || draws( Do::runCritical, 8 ) ) {
+         if( op.what == Do::deliver || !model_.runsCritical ) {
             return op;
          }
       } else if( draws( Do::shouldYield, 50 ) ) {
@@ -605,8 +603,8 @@ Operation Play::_drawRun() {
 // ---------------------------------------------------------------------------- the model's side
 
 void Play::_record( Operation op ) {
-   const std::size_t index = script_.size();
    script_.push_back( { .what = Line::operation, .op = op } );
+   const std::size_t index = script_.size() - 1;
    try {
       // The script may grow, and move, under the operation.
       Line line = script_[ index ];

@@ -204,8 +204,8 @@ TYPED_TEST( TimerTaskFormsTest, EveryCallInEveryState ) {
          { "resume",
            []( Timer& t ) { t.taskSuspendedIs( false ); },
            { "idle 0 -: ", "timing 1 10: ", "queued 0 -: ",
-             "queued 0 -: suspendOff N t, schedule N t, schedulerHasRunnableTasks root, "
-             "schedulerBusy root, busy N t",
+             ( "queued 0 -: suspendOff N t, schedule N t, schedulerHasRunnableTasks root, "
+               "schedulerBusy root, busy N t" ),
              "timing 1 10: suspendOff N t" } },
    };
    for( const auto& row : table ) {

@@ -13,6 +13,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <bit>
 #include <cstdarg>
 #include <cstddef>
 #include <cstdio>
@@ -247,7 +248,9 @@ void const* vptrOf( void const* object ) {
 std::string loadElsewhere( bool local ) {
    // Every gap that the library might fill, and much of what is below.
    for( int page = 0; page < 4096; ++page ) {
-      mmap( nullptr, 4096, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0 );
+      if( mmap( nullptr, 4096, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0 ) == MAP_FAILED ) {
+         return "no memory";
+      }
    }
    void* const library = dlopen( TYPENAME_LIBRARY, RTLD_NOW );
    if( !library ) {
@@ -259,8 +262,7 @@ std::string loadElsewhere( bool local ) {
 
 struct OtherObject {
    explicit OtherObject( const Child& child )
-         : vptr( reinterpret_cast<void const*>(
-                 std::strtoul( child.said().c_str(), nullptr, 16 ) ) ),
+         : vptr( std::bit_cast<void const*>( std::strtoul( child.said().c_str(), nullptr, 16 ) ) ),
            type( child.said().substr( child.said().find( '\n' ) + 1 ) ) {}
 
    void const* vptr;
@@ -327,7 +329,7 @@ TEST_F( ProcessForkTest, NoPointerIntoALibraryDoesHarm ) {
       for( std::uint64_t at = mapping.start; at < mapping.end; at += step ) {
          String error;
          char const* const name =
-               typenameFromVptr( child.pid(), reinterpret_cast<void const*>( at ), error );
+               typenameFromVptr( child.pid(), std::bit_cast<void const*>( at ), error );
          ++asked;
          named += name != nullptr && std::strlen( name ) != 0;
          EXPECT_EQ( name == nullptr, !error.empty() );
@@ -358,14 +360,14 @@ TEST_F( ProcessForkTest, TypeNameFailuresSayWhy ) {
    const MappingInfo& tables = *mappings.find( reinterpret_cast<std::uintptr_t>( other.vptr ) );
    EXPECT_EQ( reason( moved( 1 ), pid ),
               fmt::format( "Bad vptr:{} otherPid:{} mapping:{}", moved( 1 ), pid, tables ) );
-   void const* const start = reinterpret_cast<void const*>( tables.start );
+   void const* const start = std::bit_cast<void const*>( tables.start );
    EXPECT_EQ( reason( start, pid ),
               fmt::format( "Bad vptr:{} otherPid:{} mapping:{}", start, pid, tables ) );
 
    // The stack is no file.
    const int local = 0;
    void const* const onStack =
-         reinterpret_cast<void const*>( reinterpret_cast<std::uintptr_t>( &local ) & ~7ul );
+         std::bit_cast<void const*>( reinterpret_cast<std::uintptr_t>( &local ) & ~7ul );
    const MappingInfos mine = PidMappings::populate( pid );
    MappingInfo const* const stack = mine.find( reinterpret_cast<std::uintptr_t>( onStack ) );
    ASSERT_NE( stack, nullptr );

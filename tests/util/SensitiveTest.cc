@@ -9,6 +9,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <limits>
 #include <new>
 #include <optional>
@@ -53,7 +54,8 @@ void expectTextOfItsOwnKind( const Value& value ) {
 TEST( SensitiveTest, CopiesShareAndEqualBytesDiffer ) {
    const Sensitive one = sensitive( "secret" );
    const Sensitive other = sensitive( "secret" );
-   const Sensitive copy = one;
+   Sensitive copy;
+   copy = one;
    EXPECT_TRUE( one == copy );
    EXPECT_FALSE( one != copy );
    EXPECT_TRUE( one != other );
@@ -65,10 +67,10 @@ TEST( SensitiveTest, CopiesShareAndEqualBytesDiffer ) {
 TEST( SensitiveTest, MovedFromIsEmpty ) {
    Sensitive source = sensitive( "secret" );
    unsigned char const* const buffer = source.data();
-   Sensitive target = std::move( source );
+   Sensitive target = static_cast<Sensitive&&>( source );
    EXPECT_EQ( source.size(), 0u );
    EXPECT_EQ( source.data(), nullptr );
-   source = std::move( target );
+   source = static_cast<Sensitive&&>( target );
    EXPECT_EQ( target.size(), 0u );
    EXPECT_EQ( target.data(), nullptr );
    EXPECT_EQ( source.data(), buffer );
@@ -154,7 +156,7 @@ TEST( SensitiveTest, FailedAllocationsLeaveNothingBehind ) {
       testing_support::allocationFails( after );
       EXPECT_THROW( Sensitive::allocate( 24 ), std::bad_alloc );
       EXPECT_EQ( Sensitive::memTracker_.inUse(), inUse );
-      EXPECT_EQ( Sensitive::memTracker_.total(), total + after * 24 );
+      EXPECT_EQ( Sensitive::memTracker_.total(), total + std::uint64_t{ after } * 24 );
    }
 }
 #endif

@@ -200,6 +200,7 @@ TEST_F( BacktraceTrackerTest, AStreamMayRecordWhileItIsPrintedTo ) {
 TEST_F( BacktraceTrackerTest, ThreadsMayRecordPrintAndChangeIt ) {
    BacktraceTracker::enabledIs( true );
    std::vector<std::jthread> threads;
+   threads.reserve( 2 );
    for( int i = 0; i < 2; ++i ) {
       threads.emplace_back( [] {
          for( int round = 0; round < 500; ++round ) {

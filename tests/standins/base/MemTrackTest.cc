@@ -58,6 +58,7 @@ TEST( MemTrackTest, ThreadsMayStartAndReadTrackersTogether ) {
    static MemTrack trackers[] = { { "a", 1 }, { "b", 1 }, { "c", 1 } };
    {
       std::vector<std::jthread> threads;
+      threads.reserve( 4 );
       for( int i = 0; i < 4; ++i ) {
          threads.emplace_back( [] {
             for( MemTrack& tracker : trackers ) {

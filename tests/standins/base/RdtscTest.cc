@@ -58,6 +58,7 @@ TEST_F( RdtscTest, AllThreadsSeeOneMeasuredRateAndItComesBackAfterAReplacement )
    std::uint64_t ticks[ 4 ] = {};
    {
       std::vector<std::jthread> threads;
+      threads.reserve( 4 );
       for( int i = 0; i < 4; ++i ) {
          threads.emplace_back( [ &, i ] {
             ticks[ i ] = Rdtsc::ticksIn500Usec();

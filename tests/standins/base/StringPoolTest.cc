@@ -86,7 +86,8 @@ TEST( StringPoolTest, NamesSurviveSwitchesOfTheThreadMode ) {
       String const kept = nameOf( 1 ).deduped();
       ThreadControl::threadSafePointerIs( false );
       {
-         String const copy = kept;
+         String copy;
+         copy = kept;
          useNames( 3, 50 );
          ThreadControl::threadSafePointerIs( true );
          EXPECT_EQ( stringPoolSizeForTest(), before + 1 );
@@ -101,6 +102,7 @@ TEST( StringPoolTest, ThreadsMayDedupCopyAndDropTheSameNames ) {
    std::size_t const before = stringPoolSizeForTest();
    {
       std::vector<std::jthread> threads;
+      threads.reserve( 4 );
       for( int i = 0; i < 4; ++i ) {
          threads.emplace_back( [] { useNames( 3, 5000 ); } );
       }
@@ -114,6 +116,7 @@ TEST( StringPoolTest, ALookUpRevivesANameWhoseLastUserIsLeaving ) {
    std::size_t const before = stringPoolSizeForTest();
    {
       std::vector<std::jthread> threads;
+      threads.reserve( 4 );
       for( int i = 0; i < 4; ++i ) {
          threads.emplace_back( [ text ] {
             for( int round = 0; round < 30000; ++round ) {
@@ -133,6 +136,7 @@ TEST( StringPoolTest, ThreadsMayPoolAndDropCopiesOfOneString ) {
    for( int round = 0; round < 200; ++round ) {
       String name = nameOf( round );
       std::vector<std::jthread> threads;
+      threads.reserve( 3 );
       for( int i = 0; i < 3; ++i ) {
          threads.emplace_back( [ copy = name, i ]() mutable {
             if( i != 0 ) {
@@ -149,6 +153,7 @@ TEST( StringPoolTest, ThreadsMayPoolAndDropCopiesOfOneString ) {
 TEST( StringPoolTest, AChildForkedWhileThreadsDedupCanDedup ) {
    std::atomic<bool> stop{ false };
    std::vector<std::jthread> threads;
+   threads.reserve( 2 );
    for( int i = 0; i < 2; ++i ) {
       threads.emplace_back( [ & ] {
          while( !stop ) {

@@ -68,6 +68,7 @@ TEST_F( ThreadControlTest, ExactlyOneThreadDropsTheLastReference ) {
       int written[ threadCount ] = {};
       std::atomic<int> lasts{ 0 };
       std::vector<std::jthread> threads;
+      threads.reserve( threadCount );
       for( int i = 0; i < threadCount; ++i ) {
          threads.emplace_back( [ &, i ] {
             count.increment();

@@ -119,7 +119,7 @@ class LoopTest : public testing::Test {
       made->timeMinIs( now() + seconds );
       return made;
    }
-   Watched watched( int fd, std::string name, std::function<void()> action = {} ) {
+   Watched watched( int fd, const std::string& name, std::function<void()> action = {} ) {
       Watched made{ new Oru::FileDescriptor( name ), new Watch( name, log, std::move( action ) ) };
       made.watch->notifierIs( made.object );
       made.object->descriptorIs( fd );

