@@ -26,9 +26,10 @@ packages_of() {
    format) echo clang-format-14 ;;
    lint) echo clang-tidy-14 cppcheck ;;
    coverage) echo gcovr ;;
+   valgrind) echo valgrind ;;
    fuzz) echo clang-14 libclang-rt-14-dev ;;
    ci) echo clang-14 clang-format-14 libclang-rt-14-dev ;;
-   *) die "unknown need '$1' (there are: build test bench peers demo format lint coverage fuzz ci)" ;;
+   *) die "unknown need '$1' (there are: build test bench peers demo format lint coverage valgrind fuzz ci)" ;;
    esac
 }
 
