@@ -200,9 +200,10 @@ TEST( ClientForkTest, OutputThatDoesNotBlockGetsAllOfAReport ) {
 }
 
 TEST( ClientForkTest, WatchRedrawsInPlaceAndASignalBringsTheScreenBack ) {
-   const std::string name = uniqueName();
-   const Show::Descriptor listening = Show::listenAs( name );
    for( const int signal : { SIGINT, SIGTERM, SIGPIPE } ) {
+      // Anew, for a client that is ended late has asked once more and waits to be accepted.
+      const std::string name = uniqueName();
+      const Show::Descriptor listening = Show::listenAs( name );
       int terminal = -1;
       winsize size{ 4, 80, 0, 0 };
       const pid_t client = forkpty( &terminal, nullptr, nullptr, &size );
