@@ -425,6 +425,7 @@ TEST( LibeventLoopTest, NestedLoopIsRefused ) {
 TEST( EventLoopTest, BreakOfZeroComesBehindEverythingDue ) {
    Timeouts handler;
    std::vector<std::shared_ptr<TimerControl>> controls;
+   controls.reserve( 6 );
    for( int n = 0; n < 6; ++n ) {
       controls.push_back( getTimerControl( &handler ) );
    }
