@@ -235,7 +235,7 @@ def fuzz_folders():
 
 
 def coverage_of(proof):
-    """Lines and branches of each folder, by gcovr over the whole suite."""
+    """Lines and branches of each folder over the whole suite."""
     strict = {"scheduler", "timers", "fdtask", "stats"}
     said, status = proof.run(["scripts/coverage", "--json"])
     try:
