@@ -13,7 +13,9 @@
 #include <sched.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
+#include <sys/inotify.h>
 #include <sys/mman.h>
+#include <sys/signalfd.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -164,6 +166,18 @@ int stat( char const* path, struct stat* status ) noexcept {
    return real( path, status );
 }
 
+int lstat( char const* path, struct stat* status ) noexcept {
+   REAL( lstat );
+   FAIL_OR_PRETEND( "lstat" );
+   return real( path, status );
+}
+
+int fstatat( int folder, char const* path, struct stat* status, int flags ) noexcept {
+   REAL( fstatat );
+   FAIL_OR_PRETEND( "fstatat" );
+   return real( folder, path, status, flags );
+}
+
 int mkdir( char const* path, mode_t mode ) noexcept {
    REAL( mkdir );
    FAIL_OR_PRETEND( "mkdir" );
@@ -304,6 +318,30 @@ int bind( int sd, sockaddr const* address, socklen_t size ) noexcept {
    return real( sd, address, size );
 }
 
+int connect( int sd, sockaddr const* address, socklen_t size ) {
+   REAL( connect );
+   FAIL_OR_PRETEND( "connect" );
+   return real( sd, address, size );
+}
+
+int getsockopt( int sd, int level, int option, void* value, socklen_t* size ) noexcept {
+   REAL( getsockopt );
+   FAIL_OR_PRETEND( "getsockopt" );
+   return real( sd, level, option, value, size );
+}
+
+ssize_t sendmsg( int sd, msghdr const* message, int flags ) {
+   REAL( sendmsg );
+   FAIL_OR_PRETEND( "sendmsg" );
+   return real( sd, message, flags );
+}
+
+ssize_t recvmsg( int sd, msghdr* message, int flags ) {
+   REAL( recvmsg );
+   FAIL_OR_PRETEND( "recvmsg" );
+   return real( sd, message, flags );
+}
+
 int setsockopt( int sd, int level, int option, void const* value, socklen_t size ) noexcept {
    REAL( setsockopt );
    FAIL_OR_PRETEND( "setsockopt" );
@@ -349,6 +387,37 @@ int eventfd( unsigned value, int flags ) noexcept {
    REAL( eventfd );
    FAIL_OR_PRETEND( "eventfd" );
    return real( value, flags );
+}
+
+int accept4( int sd, sockaddr* address, socklen_t* size, int flags ) {
+   REAL( accept4 );
+   FAIL_OR_PRETEND( "accept4" );
+   return real( sd, address, size, flags );
+}
+
+ssize_t recvfrom( int sd, void* buffer, std::size_t size, int flags, sockaddr* address,
+                  socklen_t* addressSize ) {
+   REAL( recvfrom );
+   FAIL_OR_PRETEND( "recvfrom" );
+   return real( sd, buffer, size, flags, address, addressSize );
+}
+
+ssize_t send( int sd, void const* buffer, std::size_t size, int flags ) {
+   REAL( send );
+   FAIL_OR_PRETEND( "send" );
+   return real( sd, buffer, size, flags );
+}
+
+int signalfd( int fd, sigset_t const* signals, int flags ) noexcept {
+   REAL( signalfd );
+   FAIL_OR_PRETEND( "signalfd" );
+   return real( fd, signals, flags );
+}
+
+int inotify_init1( int flags ) noexcept {
+   REAL( inotify_init1 );
+   FAIL_OR_PRETEND( "inotify_init1" );
+   return real( flags );
 }
 
 int socketpair( int domain, int type, int protocol, int* ends ) noexcept {
