@@ -140,18 +140,20 @@ bool TaskScheduler::checkForTest() const {
    for( TaskPriority p = TaskPriority::critical; p <= TaskPriority::scavenge; ++p ) {
       std::int64_t queued = 0;
       for( RunQueue const* queue : { &_of( p ).runQueue, &_of( p ).temporaryRunQueue } ) {
-         good = good && queue->checkForTest();
+         good &= queue->checkForTest();
          for( TaskImpl const* task = queue->front(); task; task = queue->next( task ) ) {
-            good = good && task->taskPriority() == p && task->scheduler_.get() == this;
+            good &= task->taskPriority() == p;
+            good &= task->scheduler_.get() == this;
             ++queued;
          }
       }
-      good = good && queued == runnableTaskCount( p ) &&
-             registered[ p.value() ] == tasksPerPriority( p );
+      good &= queued == runnableTaskCount( p );
+      good &= registered[ p.value() ] == tasksPerPriority( p );
       // Whatever is queued has a run asked for.
-      good = good && ( queued == 0 || hasRunnableTasks_ );
+      good &= hasRunnableTasks_ >= ( queued > 0 );
    }
-   return good && busy_ == ( hasRunnableTasks_ || timerRunningCount_ > 0 );
+   good &= busy_ == ( hasRunnableTasks_ || timerRunningCount_ > 0 );
+   return good;
 }
 
 } // namespace Quarn

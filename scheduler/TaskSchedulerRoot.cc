@@ -27,7 +27,8 @@ constexpr char sourceFile[] = "TaskSchedulerCpp";
 
 std::string threadNameOf( pthread_t thread ) {
    char name[ 16 ] = {};
-   return pthread_getname_np( thread, name, sizeof( name ) ) == 0 ? name : "";
+   pthread_getname_np( thread, name, sizeof( name ) );
+   return name;
 }
 
 } // namespace
@@ -55,9 +56,8 @@ TaskSchedulerRoot::TaskSchedulerRoot( String name )
         threadId_( pthread_self() ),
         pid_( getpid() ),
         isMainThread_( isMainThread() ) {
-   if( pthread_getname_np( threadId_, threadName_, sizeof( threadName_ ) ) != 0 ) {
-      threadName_[ 0 ] = '\0';
-   }
+   // Empty if it cannot be told.
+   pthread_getname_np( threadId_, threadName_, sizeof( threadName_ ) );
    schedulers_.max_load_factor( 1.0f );
    registerScheduler( this );
    virtualTimeCheck();

@@ -28,8 +28,8 @@ bool TaskImpl::taskShouldYield() const {
    switch( taskShouldYieldMode_ ) {
    case TaskShouldYieldMode::realTime: {
       const std::uint64_t tsc = Rdtsc::read();
-      if( tsc - lastYieldCheckTsc_ < Oru::Rdtsc::approxTicksIn500Usec() &&
-          tsc >= lastYieldCheckTsc_ ) {
+      // A counter that went back is far ahead in this difference.
+      if( tsc - lastYieldCheckTsc_ < Oru::Rdtsc::approxTicksIn500Usec() ) {
          return false;
       }
       lastYieldCheckTsc_ = tsc;

@@ -431,6 +431,8 @@ TEST_F( FileDescriptorTaskTest, Misuse ) {
    EXPECT_FATAL( turns( 1 ), "FileDescriptorTask::_taskExecuteReadable() "
                              "ReadTask should only run if taskWatchReadable" );
    EXPECT_FATAL( static_cast<_TaskBase&>( *t ).taskExecute(), "a descriptor task runs by" );
+   EXPECT_FATAL( t->scheduleTask(), "Task: t cannot be scheduled" );
+   EXPECT_FATAL( t->taskRunFromTest(), "Task: t cannot be run" );
    EXPECT_FATAL( t->taskShouldYield(), "No executing task" );
    EXPECT_FATAL( t->taskWorkPendingIs( 1 ), "No executing task" );
    std::shared_ptr<TaskScheduler> none;

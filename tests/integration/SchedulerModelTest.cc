@@ -5,9 +5,11 @@
 
 #include "support/SchedulerPlay.h"
 #include "support/Tasks.h"
+#include "support/TraceCapture.h"
 
 #include <Quarn/Task.h>
 #include <Quarn/TaskSchedulerCpp.h>
+#include <Quarn/debug/Environment.h>
 
 #include <gtest/gtest.h>
 
@@ -56,6 +58,22 @@ TEST_P( SchedulerModelTest, RandomOperationsAgreeWithTheModel ) {
    // What is broken may not come down in one piece.
    std::cerr.flush();
    std::_Exit( 1 );
+}
+
+TEST( SchedulerModelTraceTest, TracingEverythingChangesNothing ) {
+   const auto runsOf = []( std::uint64_t seed ) {
+      const auto play = SchedulerPlay::make( std::mt19937_64( seed ) );
+      for( int n = 0; n < 1'000 && play->stepOnce(); ++n ) {
+      }
+      EXPECT_TRUE( play->finish() ) << play->fault();
+      return play->runs();
+   };
+   const std::uint64_t quietly = runsOf( 7 );
+   const testing_support::TraceCapture capture;
+   Platform::setupQuarnDebug( "*/9" );
+   EXPECT_EQ( runsOf( 7 ), quietly );
+   Platform::clearQuarnDebug( "*/9" );
+   EXPECT_GT( capture.count( "TaskScheduler/" ), quietly );
 }
 
 // Cases that the comparison has found, at their smallest.

@@ -6,9 +6,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <array>
+#include <algorithm>
 #include <deque>
-#include <random>
 
 namespace {
 
@@ -91,103 +90,6 @@ TEST_F( PickTest, ScavengeNeverCountsAsALowerPriority ) {
    const std::string order = picks( 20000 );
    EXPECT_EQ( order.find_first_not_of( 'H' ), std::string::npos );
 }
-
-// The rule written again, from the side of the reader.
-struct Model {
-   struct Queue {
-      std::deque<TaskImpl*> tasks;
-      std::uint32_t consecutive = 0;
-   };
-   std::array<Queue, 6> queues;
-
-   TaskImpl* pick( unsigned from, unsigned to ) {
-      for( unsigned p = from; p <= to; ++p ) {
-         Queue& queue = queues[ p ];
-         if( queue.tasks.empty() ) {
-            queue.consecutive = 0;
-            continue;
-         }
-         static constexpr unsigned weight[] = { 0, 0, 64, 8, 1, 0 };
-         std::uint64_t lower = 0;
-         if( p == 2 || p == 3 ) {
-            for( unsigned q = p + 1; q <= 4; ++q ) {
-               lower += queues[ q ].tasks.size() * weight[ q ];
-            }
-         }
-         if( lower > 0 && queue.consecutive * lower > queue.tasks.size() * weight[ p ] ) {
-            if( TaskImpl* bumped = pick( p + 1, to ) ) {
-               queue.consecutive = 0;
-               return bumped;
-            }
-         }
-         ++queue.consecutive;
-         TaskImpl* task = queue.tasks.front();
-         queue.tasks.pop_front();
-         return task;
-      }
-      return nullptr;
-   }
-};
-
-class PickModel : public testing::TestWithParam<unsigned> {};
-
-TEST_P( PickModel, AgreesUnderRandomSteps ) {
-   SCOPED_TRACE( testing::Message() << "seed " << GetParam() );
-   std::mt19937 random( GetParam() );
-   const auto root = schedulerRootQuarnNonShared( "root" );
-   Model model;
-   std::vector<std::shared_ptr<FunctionTask>> tasks;
-   const auto drop = [ & ]( TaskImpl* task ) {
-      for( auto& queue : model.queues ) {
-         std::erase( queue.tasks, task );
-      }
-   };
-   for( unsigned step = 0; step < 20000; ++step ) {
-      const unsigned what = static_cast<unsigned>( random() % 12 );
-      if( tasks.size() < 3 || ( what == 0 && tasks.size() < 40 ) ) {
-         // Mostly the priorities of the rule.
-         static constexpr std::uint8_t priorities[] = { 0, 1, 2, 2, 3, 3, 4, 4, 5 };
-         tasks.push_back( makeTask( root, TaskPriority( priorities[ random() % 9 ] ), "test" ) );
-         continue;
-      }
-      const std::size_t index = random() % tasks.size();
-      FunctionTask& task = *tasks[ index ];
-      switch( what ) {
-      case 1:
-         drop( &task );
-         tasks.erase( tasks.begin() + static_cast<std::ptrdiff_t>( index ) );
-         break;
-      case 2:
-         drop( &task );
-         task.unscheduleTask();
-         break;
-      case 3:
-      case 4:
-      case 5:
-         if( !task.taskScheduled() ) {
-            model.queues[ task.taskPriority().value() ].tasks.push_back( &task );
-         }
-         task.scheduleTask();
-         break;
-      default: {
-         const auto from = static_cast<std::uint8_t>( what == 6 ? random() % 6 : 0 );
-         const auto to = static_cast<std::uint8_t>( what == 6 ? random() % 6 : 5 );
-         TaskImpl* picked =
-               root->pickOneTask( taskTimeNow(), TaskPriority( from ), TaskPriority( to ) );
-         ASSERT_EQ( picked, model.pick( from, to ) ) << "step " << step;
-         if( picked && random() % 8 != 0 ) {
-            picked->scheduleTask();
-            model.queues[ picked->taskPriority().value() ].tasks.push_back( picked );
-         }
-      }
-      }
-      if( step % 64 == 0 ) {
-         ASSERT_TRUE( root->checkForTest() ) << "step " << step;
-      }
-   }
-}
-
-INSTANTIATE_TEST_SUITE_P( Seeds, PickModel, testing::Values( 1, 2, 42 ) );
 
 struct Item {
    explicit Item( int n ) : number( n ) {}

@@ -1,17 +1,20 @@
 // The root and the event loop together.
 
+#include "support/Child.h"
 #include "support/Fatal.h"
 #include "support/Tasks.h"
 #include "support/TraceCapture.h"
 
 #include <Quarn/Debug.h>
 #include <Quarn/LibeventFactoryCpp.h>
+#include <Quarn/base/Exception.h>
 #include <Quarn/base/ThreadControl.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <functional>
 #include <thread>
 
 #include <sys/wait.h>
@@ -256,6 +259,39 @@ TEST( RootTest, ThreadsRunTheirRootsSideBySide ) {
       thread.join();
    }
    EXPECT_EQ( total, 400 );
+   EXPECT_EQ( assertNotRunningCriticalTaskFn, nullptr );
+}
+
+TEST( RootTest, CriticalMarkIsOfEachThreadAndOutlastsThoseOfOthers ) {
+   const auto isCritical = [] {
+      void ( *const hook )() = std::atomic_ref( assertNotRunningCriticalTaskFn ).load();
+      try {
+         if( hook ) {
+            hook();
+         }
+      } catch( const AssertException& ) {
+         return true;
+      }
+      return false;
+   };
+   const auto run = []( std::function<void()> body ) {
+      const auto root = schedulerRootQuarn();
+      const auto task =
+            makeTask( root, TaskPriority::critical, "test", [ & ]( FunctionTask& ) { body(); } );
+      task->scheduleTask();
+      root->runCriticalPriorityTasks();
+   };
+   run( [ & ] {
+      EXPECT_TRUE( isCritical() );
+      std::thread( [ & ] {
+         EXPECT_FALSE( isCritical() );
+         run( [ & ] { EXPECT_TRUE( isCritical() ); } );
+         EXPECT_FALSE( isCritical() );
+      } ).join();
+      EXPECT_TRUE( isCritical() );
+      const testing_support::Child child( [ & ] { return isCritical() ? "critical" : ""; } );
+      EXPECT_EQ( child.said(), "critical" );
+   } );
    EXPECT_EQ( assertNotRunningCriticalTaskFn, nullptr );
 }
 

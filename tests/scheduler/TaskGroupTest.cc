@@ -389,6 +389,8 @@ TEST_F( TaskGroupTest, LivesAsLongAsItsOwnersAndHoldsItsParent ) {
    const auto parentTask =
          std::static_pointer_cast<TaskGroup::ParentTask>( root->taskForTest( "TaskGroup;g" ) );
    EXPECT_EQ( parentTask->taskGroup(), g );
+   EXPECT_TRUE( parentTask->isTaskGroup() );
+   EXPECT_FALSE( a->isTaskGroup() );
    const std::weak_ptr<TaskSchedulerRoot> weakRoot = root;
    inner.reset();
    g.reset();

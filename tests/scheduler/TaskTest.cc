@@ -141,6 +141,27 @@ TEST_F( TaskTest, RegistrationIsRefusedByPriorityAndName ) {
    EXPECT_EQ( std::make_shared<Raw>( root.get() )->taskScheduler(), root );
    auto task2 = task( TaskPriority::normal, "again" );
    EXPECT_FATAL( root->taskRegister( task2.get() ), "Task: again already registered" );
+   EXPECT_FATAL( root->taskStatForTest( "nobody" ), "Task: nobody not registered" );
+   const auto group = TaskGroup::TaskGroupIs( "test", TaskPriority::critical, false, root );
+   EXPECT_FATAL( makeTask( group, TaskPriority::critical, "test" ),
+                 "Critical priority task test can only be registered against root scheduler" );
+}
+
+TEST_F( TaskTest, RefusedUnregistrationChangesNoCount ) {
+   const auto other = task( TaskPriority::low, "other" );
+   const auto a = task( TaskPriority::normal, "a" );
+   a->scheduleTask();
+   EXPECT_FATAL( root->taskUnregister( a.get() ), "Task: a scheduled on unregister" );
+   a->unscheduleTask();
+   root->taskUnregister( a.get() );
+   EXPECT_FATAL( root->taskUnregister( a.get() ), "Priority: normal count: 0" );
+   const auto b = task( TaskPriority::normal, "b" );
+   EXPECT_FATAL( root->taskUnregister( a.get() ), "Task: a not registered" );
+   EXPECT_EQ( root->completedTasksPerPriority( TaskPriority::normal ), 1u );
+   EXPECT_EQ( root->tasksPerPriority( TaskPriority::normal ), 1u );
+   root->taskRegister( a.get() );
+   EXPECT_EQ( root->totalRegisteredTaskCount(), 3u );
+   EXPECT_TRUE( root->checkForTest() );
 }
 
 TEST_F( TaskTest, FailedConstructionLeavesNoForcedYieldBehind ) {
