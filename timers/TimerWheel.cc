@@ -431,39 +431,33 @@ unsigned long processExpiredTimersForTaskScheduler( const std::shared_ptr<TimerW
 
 bool TimerWheel::checkForTest( std::span<TimerWheelEvent* const> events ) const {
    bool good = timeouts_check( wheel_, stderr );
-   const auto complain = [ & ]( char const* what, void const* where ) {
-      fmt::print( stderr, "timer wheel: {} at {}\n", what, where );
-      good = false;
+   const auto require = [ & ]( bool holds, char const* what, void const* where ) {
+      if( !holds ) {
+         fmt::print( stderr, "timer wheel: not so: {} at {}\n", what, where );
+         good = false;
+      }
    };
    std::size_t inBuckets = 0;
    for( const auto& [ expiry, bucket ] : timersExpiryingSoon_ ) {
       for( ::timeout const* record = bucket.front(); record; record = record->tqe.tqe_next ) {
          ++inBuckets;
-         if( static_cast<TimerWheelEvent const*>( record )->expirationTime_ != expiry ) {
-            complain( "event in the bucket of another time", record );
-         }
-         if( record->pending != reinterpret_cast<timeout_list const*>( &bucket ) ) {
-            complain( "event points at another bucket", record );
-         }
+         require( static_cast<TimerWheelEvent const*>( record )->expirationTime_ == expiry,
+                  "event in the bucket of its time", record );
+         require( record->pending == reinterpret_cast<timeout_list const*>( &bucket ),
+                  "event points at its bucket", record );
       }
    }
    for( TimerWheelEvent const* ev : events ) {
       const TimerWheelState state = ev->state();
+      const bool linked = state != TimerWheelState::notLinked;
       const bool armed = ev->expirationTime_ != infinity;
-      if( armed != ( state != TimerWheelState::notLinked ) ) {
-         complain( "armed and linked disagree", ev );
-      }
-      if( ( state != TimerWheelState::notLinked ) != ( ev->pending != nullptr ) ) {
-         complain( "state and links disagree", ev );
-      }
-      if( armed && !pass_ && masterExpiry_ > ev->expirationTime_ ) {
-         complain( "master timer later than event", ev );
-      }
+      require( armed == linked, "armed and linked agree", ev );
+      require( linked == ( ev->pending != nullptr ), "state and links agree", ev );
+      require( !armed || pass_ || masterExpiry_ <= ev->expirationTime_,
+               "master timer no later than event", ev );
       inBuckets -= state == TimerWheelState::inTimersExpiryingSoon ? 1 : 0;
    }
-   if( inBuckets != 0 ) {
-      complain( "number of events in buckets is wrong", this );
-   }
+   require( inBuckets == 0, "all events in buckets are known", this );
    return good;
 }
 

@@ -579,6 +579,9 @@ TEST_F( TimerTaskTest, JitterKeepsItsRangeAtTheEndsOfTheScale ) {
       ASSERT_LE( t->timerRemaining(), 1e308 );
       t->scheduleTaskJitterUp( 1e308, 50 );
       ASSERT_GE( t->timerRemaining(), 1e308 );
+      // Beyond the scale is never.
+      t->scheduleTaskJitterUp( 1.7e308, 100 );
+      ASSERT_EQ( t->taskScheduled(), t->timerRemaining() != infinity );
    }
    // The next pass, as without jitter.
    t->scheduleTaskJitterUp( -infinity, 50 );
@@ -586,6 +589,11 @@ TEST_F( TimerTaskTest, JitterKeepsItsRangeAtTheEndsOfTheScale ) {
    EXPECT_TRUE( t->taskScheduled() );
    t->scheduleTaskJitterDown( -infinity, 50 );
    EXPECT_EQ( t->timerRemaining(), 0.0 );
+   t->scheduleTaskDelay( 60.0 );
+   t->timeout(); // by hand, ahead of its time
+   EXPECT_EQ( t->timerRemaining(), infinity );
+   EXPECT_EQ( root->timerRunningCount(), 0u );
+   EXPECT_TRUE( t->taskScheduled() );
 }
 
 TEST_F( TimerTaskTest, ToldLateAfterACallbackThatThrew ) {

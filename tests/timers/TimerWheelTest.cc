@@ -7,6 +7,8 @@
 #include "support/TimerPlay.h"
 #include "support/TraceCapture.h"
 
+#include <Quarn/debug/Environment.h>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -50,6 +52,10 @@ class TimerWheelTest : public testing::Test {
    static void startOnNothing() {
       Event event;
       event.setTimeout( nullptr, 1 );
+   }
+   static void stopOnNothing() {
+      Event event;
+      event.delTimeout( nullptr );
    }
    bool check( std::vector<TimerWheelEvent*> events ) { return wheel->checkForTest( events ); }
 
@@ -391,6 +397,9 @@ TEST_F( TimerWheelTest, ControlsOnAWheel ) {
    EXPECT_THROW( wheel->timeout(), std::runtime_error );
    EXPECT_EQ( depth, 2 );
    EXPECT_FATAL( TimerWheelTest::startOnNothing(), "wheel is null" );
+   EXPECT_FATAL( TimerWheelTest::stopOnNothing(), "wheel is null" );
+   EXPECT_FATAL( Platform::getTimerControl( nullptr, wheel ), "handler or wheel is null" );
+   EXPECT_FATAL( Platform::getTimerControl( &nested, nullptr ), "handler or wheel is null" );
    // The control holds the wheel.
    std::weak_ptr<TimerWheel> weak = wheel;
    wheel.reset();
@@ -455,6 +464,22 @@ TEST_P( TimerWheelModel, AgreesWithASortedMap ) {
    }
    EXPECT_GT( play->counts().ties, 100u );
    EXPECT_GT( play->counts().nestedPasses, 50u );
+}
+
+TEST( TimerWheelTraceTest, TracingEverythingChangesNothing ) {
+   const auto deliveredIn = []( std::uint64_t seed ) {
+      const auto play = TimerPlay::make( {}, std::mt19937_64( seed ) );
+      for( int step = 0; step < 1'000 && play->stepOnce(); ++step ) {
+      }
+      EXPECT_EQ( play->fault(), "" );
+      return play->counts().delivered;
+   };
+   const std::uint64_t quietly = deliveredIn( 7 );
+   TraceCapture capture;
+   Platform::setupQuarnDebug( "*/9" );
+   EXPECT_EQ( deliveredIn( 7 ), quietly );
+   Platform::clearQuarnDebug( "*/9" );
+   EXPECT_GT( capture.count( " expired\n" ), 0u );
 }
 
 INSTANTIATE_TEST_SUITE_P( Seeds, TimerWheelModel, testing::Values( 1, 2, 3, 42, 4711 ) );
