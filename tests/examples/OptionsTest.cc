@@ -4,6 +4,7 @@
 
 #include "examples/RuntimeFolder.h"
 #include "support/Shell.h"
+#include "support/TempDir.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -157,6 +158,41 @@ TEST_F( ProgramTest, ReaderThatHasGoneIsAFailureAndNotADeath ) {
    EXPECT_EQ( code, 1 );
    EXPECT_EQ( text, "host-agent: cannot write to standard output: Broken pipe\n" );
 }
+
+#ifdef FAULTS_LIBRARY
+
+TEST_F( ProgramTest, CallsThatFailAreToldAndTheRestGoesOn ) {
+   const testing_support::TempDir watched;
+   const struct {
+      char const* fault;
+      int code;
+      char const* says;
+   } table[] = {
+         { "socket:24:1", 0, "Links: not watched: Too many open files\n" },
+         { "bind:13:1", 0, "Links: not watched: Permission denied\n" },
+         { "recvfrom:5:1", 0, "Links: not watched: Input/output error\n" },
+         { "recvfrom:4:1", 0, "news lost 0 times" },
+         { "recvfrom:105:1", 0, "news lost 1 times" },
+         { "send:105:1", 0, "cannot ask for the list of links: No buffer space available\n" },
+         { "socket:24:2", 0, "host-agent: answers no show requests: " },
+         { "readdir:5:3", 0, "cannot list the processes: Input/output error\n" },
+         { "fstatat:13:1", 0, "skipped a process: Permission denied\n" },
+         { "inotify_init1:24:1", 1, "host-agent: cannot watch folder /" },
+         { "signalfd:24:1", 1, "host-agent: cannot watch signals: Too many open files\n" },
+         { "open:13:1", 1, "host-agent: cannot open the lock file /" },
+   };
+   for( const auto& [ fault, code, says ] : table ) {
+      const auto [ ended, text ] =
+            shell( "PROVE_FAULTS=" + std::string( fault ) + " LD_PRELOAD='" FAULTS_LIBRARY "' " +
+                   program + "--seconds 0.05 --interval 0.02 --trace '*/9' --watch-folder '" +
+                   watched.path() + "' 2>&1" );
+      EXPECT_EQ( ended, code ) << fault;
+      EXPECT_THAT( text, HasSubstr( says ) ) << fault;
+      EXPECT_EQ( text.find( "time is over" ) != text.npos, code == 0 ) << fault;
+   }
+}
+
+#endif
 
 TEST_F( ProgramTest, HelpAndVersionEndWithZero ) {
    EXPECT_THAT( shell( program + "--help" ).second, HasSubstr( "--interval" ) );

@@ -24,6 +24,7 @@
 #include <poll.h>
 #include <pthread.h>
 #include <pty.h>
+#include <sys/ioctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -115,14 +116,53 @@ TEST( ClientThreadTest, ExitCodeSaysHowItWent ) {
    // Nobody accepts.
    EXPECT_EQ( shell( program + uniqueName() + " --timeout 0.05 2>/dev/null" ).first, 4 );
    EXPECT_EQ( shell( program + "none-" + uniqueName() + " --wait 0.05 2>/dev/null" ).first, 3 );
-   for( char const* wrong : { "'a b'", "x yaml", "--watch nan", "--watch 0", "--timeout 1h",
-                              "--bogus", "--wait -1", "x text y" } ) {
+   for( char const* wrong :
+        { "'a b'", "x yaml", "--watch nan", "--watch 0", "--timeout 1h", "--bogus", "--wait -1",
+          "x text y", "x --match $(printf %02049d 0)" } ) {
       EXPECT_EQ( shell( program + wrong + " 2>/dev/null" ).first, 2 ) << wrong;
    }
    EXPECT_THAT( shell( program + "--help" ), ::testing::Pair( 0, HasSubstr( "--watch" ) ) );
    EXPECT_THAT( shell( program + "--version" ),
                 ::testing::Pair( 0, HasSubstr( "oruquarn-show " ) ) );
 }
+
+TEST( ClientThreadTest, WatchWithoutATerminalPutsReportBelowReportUntilTheAgentGivesNone ) {
+   const Show::Descriptor listening = Show::listenAs( uniqueName() );
+   auto run = std::async( std::launch::async, shell,
+                          "{ " + program + uniqueName() + " --watch 0.1; } 2>&1" );
+   for( char const* answer : { "ok 3\nabc", "ok 2\nde", "" } ) {
+      serve( listening.get(), answer );
+   }
+   EXPECT_EQ( run.get(),
+              std::pair( 1, "abc\nde\noruquarn-show: " + uniqueName() + " gave no answer\n" ) );
+}
+
+#ifdef FAULTS_LIBRARY
+
+TEST( ClientThreadTest, CallsThatFailAreNamed ) {
+   const Show::Descriptor listening = Show::listenAs( uniqueName() );
+   const struct {
+      char const* fault;
+      int code;
+      std::string says;
+   } table[] = {
+         { "socket:24:1", 5, "cannot reach the agent: Too many open files" },
+         { "connect:13:1", 5, "cannot reach the agent: Permission denied" },
+         { "getsockopt:9:1", 1, uniqueName() + " belongs to another user" },
+         { "pipe2:24:1", 5, "cannot make a pipe: Too many open files" },
+         { "sendmsg:5:1", 5, "cannot send the request: Input/output error" },
+         { "sendmsg:32:1", 1, uniqueName() + " hung up" },
+         { "sendmsg:104:1", 1, uniqueName() + " hung up" },
+   };
+   for( const auto& [ fault, code, says ] : table ) {
+      EXPECT_EQ( shell( "{ PROVE_FAULTS=" + std::string( fault ) +
+                        " LD_PRELOAD='" FAULTS_LIBRARY "' " + program + uniqueName() + "; } 2>&1" ),
+                 std::pair( code, "oruquarn-show: " + says + "\n" ) )
+            << fault;
+   }
+}
+
+#endif
 
 // Runs `body` while signals that interrupt system calls rain on the calling thread.
 void underSignals( const std::function<void()>& body ) {
@@ -199,48 +239,97 @@ TEST( ClientForkTest, OutputThatDoesNotBlockGetsAllOfAReport ) {
    EXPECT_EQ( status, 0 );
 }
 
+// The client on a terminal of its own, of four lines.
+class OnTerminal {
+ public:
+   explicit OnTerminal( const std::string& name, char const* seconds ) {
+      int terminal = -1;
+      winsize size{ 4, 80, 0, 0 };
+      pid_ = forkpty( &terminal, nullptr, nullptr, &size );
+      if( pid_ == 0 ) {
+         setenv( "TERM", "xterm", 1 );
+         unsetenv( "NO_COLOR" );
+         execl( SHOW_PROGRAM, SHOW_PROGRAM, name.c_str(), "--watch", seconds, nullptr );
+         _exit( 127 );
+      }
+      terminal_ = Show::Descriptor( terminal );
+   }
+
+   pid_t pid() const { return pid_; }
+   int terminal() const { return terminal_.get(); }
+
+   // What is written up to `end`, which an empty one leaves to the end of the program.
+   std::string upTo( std::string_view end ) {
+      std::string text;
+      char buffer[ 4096 ];
+      while( end.empty() || text.find( end ) == text.npos ) {
+         const ssize_t got = read( terminal_.get(), buffer, sizeof( buffer ) );
+         if( got <= 0 ) {
+            break;
+         }
+         text.append( buffer, static_cast<std::size_t>( got ) );
+      }
+      return text;
+   }
+
+   int status() {
+      int status = -1;
+      EXPECT_EQ( waitpid( pid_, &status, 0 ), pid_ );
+      return status;
+   }
+
+ private:
+   pid_t pid_ = -1;
+   Show::Descriptor terminal_;
+};
+
+constexpr std::string_view drawn = "\x1b[J";
+const std::string fiveLines = "ok 11\na\x1b\nb\nc\nd\ne\n";
+
 TEST( ClientForkTest, WatchRedrawsInPlaceAndASignalBringsTheScreenBack ) {
    for( const int signal : { SIGINT, SIGTERM, SIGPIPE } ) {
       // Anew, for a client that is ended late has asked once more and waits to be accepted.
-      const std::string name = uniqueName();
-      const Show::Descriptor listening = Show::listenAs( name );
-      int terminal = -1;
-      winsize size{ 4, 80, 0, 0 };
-      const pid_t client = forkpty( &terminal, nullptr, nullptr, &size );
-      if( client == 0 ) {
-         setenv( "TERM", "xterm", 1 );
-         unsetenv( "NO_COLOR" );
-         execl( SHOW_PROGRAM, SHOW_PROGRAM, name.c_str(), "--watch", "0.1", nullptr );
-         _exit( 127 );
-      }
-      ASSERT_GT( client, 0 );
-      const Show::Descriptor owned( terminal );
-      std::string screen;
-      char buffer[ 4096 ];
+      const Show::Descriptor listening = Show::listenAs( uniqueName() );
+      OnTerminal client( uniqueName(), "0.1" );
       for( int round = 0; round < 2; ++round ) {
-         serve( listening.get(), "ok 11\na\x1b\nb\nc\nd\ne\n" );
-         while( screen.find( "\x1b[J" ) == screen.npos ) {
-            const ssize_t got = read( terminal, buffer, sizeof( buffer ) );
-            ASSERT_GT( got, 0 );
-            screen.append( buffer, static_cast<std::size_t>( got ) );
-         }
+         serve( listening.get(), fiveLines );
+         const std::string screen = client.upTo( drawn );
          EXPECT_EQ( screen.find( "\x1b[?1049h" ) != screen.npos, round == 0 );
          // The title and as many lines as fit; no name steers the terminal.
          EXPECT_THAT( screen, AllOf( HasSubstr( "\x1b[1ma?\x1b[0m" ), HasSubstr( "\nc" ),
                                      Not( HasSubstr( "\nd" ) ) ) );
-         screen.clear();
       }
-      kill( client, signal );
-      ssize_t got = 0;
-      while( ( got = read( terminal, buffer, sizeof( buffer ) ) ) > 0 ) {
-         screen.append( buffer, static_cast<std::size_t>( got ) );
-      }
-      int status = 0;
-      ASSERT_EQ( waitpid( client, &status, 0 ), client );
+      kill( client.pid(), signal );
+      EXPECT_THAT( client.upTo( {} ), EndsWith( "\x1b[?25h\x1b[?1049l" ) );
+      const int status = client.status();
       EXPECT_TRUE( WIFSIGNALED( status ) );
       EXPECT_EQ( WTERMSIG( status ), signal );
-      EXPECT_THAT( screen, EndsWith( "\x1b[?25h\x1b[?1049l" ) );
    }
+}
+
+TEST( ClientForkTest, ScreenFollowsTheWindowAndAStopAndIsLeftWhenTheAgentHasGone ) {
+   Show::Descriptor listening = Show::listenAs( uniqueName() );
+   OnTerminal client( uniqueName(), "0.1" );
+   serve( listening.get(), fiveLines );
+   client.upTo( drawn );
+   // The system tells the program of it.
+   const winsize taller{ 5, 80, 0, 0 };
+   ASSERT_EQ( ioctl( client.terminal(), TIOCSWINSZ, &taller ), 0 );
+   serve( listening.get(), fiveLines );
+   EXPECT_THAT( client.upTo( "\nd" ), HasSubstr( "\nc" ) );
+   kill( client.pid(), SIGTSTP );
+   int status = 0;
+   ASSERT_EQ( waitpid( client.pid(), &status, WUNTRACED ), client.pid() );
+   EXPECT_TRUE( WIFSTOPPED( status ) );
+   client.upTo( "\x1b[?1049l" );
+   kill( client.pid(), SIGCONT );
+   serve( listening.get(), fiveLines );
+   EXPECT_THAT( client.upTo( drawn ), HasSubstr( "\x1b[?1049h" ) );
+   listening.reset();
+   EXPECT_THAT( client.upTo( {} ),
+                ::testing::ContainsRegex( "\x1b\\[\\?1049loruquarn-show: .*\r\n$" ) );
+   status = client.status();
+   EXPECT_TRUE( WIFEXITED( status ) && WEXITSTATUS( status ) != 0 );
 }
 
 } // namespace
