@@ -357,6 +357,9 @@ void TimerWheel::setMasterTimer() {
          _collect();
       } catch( const std::bad_alloc& ) {
          QUARN_TRACE( timerWheelHandler, 1, "TimerWheel", "no memory, timers collected later" );
+         // One of them may be due before the first bucket.
+         _masterIs( 0.0, 0.0 );
+         return;
       }
    }
    const auto first = std::find_if( timersExpiryingSoon_.begin(), timersExpiryingSoon_.end(),

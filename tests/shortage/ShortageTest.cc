@@ -8,6 +8,7 @@
 #include <Quarn/TaskSchedulerCpp.h>
 #include <Quarn/TimerWheelCpp.h>
 #include <Quarn/base/BacktraceTracker.h>
+#include <Quarn/testing/Clocks.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -166,6 +167,47 @@ TEST( ShortageTest, ForkWorksAfterAFirstUseThatFailed ) {
    int status = -1;
    EXPECT_EQ( waitpid( child, &status, 0 ), child );
    EXPECT_EQ( status, 0 );
+}
+
+TEST( ShortageTest, WheelThatCannotCollectATimerKeepsIt ) {
+   // With a loop that is there already.
+   const auto root = schedulerRootQuarn();
+   withEachFailing( false, [] {
+      bool made = true;
+      try {
+         TimerWheel wheel( Platform::EventPriority::eventPriorityDefault );
+      } catch( ... ) {
+         made = false;
+      }
+      EXPECT_EQ( made, !memory::hasFailed() );
+   } );
+
+   Testing::ManualTimerClock clock( 1000.001 );
+   TimerWheel wheel( Platform::EventPriority::eventPriorityDefault );
+   struct Event : TimerWheelEvent {
+      void timeout() override { ++fired; }
+      unsigned fired = 0;
+   } early, late;
+   TimerWheelEvent* const events[] = { &early, &late };
+   const auto withoutMemory = []( const auto& body ) {
+      memory::failAt( 1, false );
+      const memory::Armed armed;
+      const bool refused = badAllocOf( body );
+      EXPECT_TRUE( memory::hasFailed() );
+      return refused;
+   };
+   // Both in one tick, which comes before they do.
+   wheel.timerStart( &late, 0.006 );
+   clock.advance( 0.001 );
+   EXPECT_TRUE( withoutMemory( [ & ] { wheel._processExpiredTimers(); } ) );
+   EXPECT_TRUE( wheel.checkForTest( events ) );
+   EXPECT_EQ( wheel._processExpiredTimers(), 0u );
+   wheel.timerStart( &early, 0.003 );
+   EXPECT_FALSE( withoutMemory( [ & ] { wheel.setMasterTimer(); } ) );
+   EXPECT_TRUE( wheel.checkForTest( events ) );
+   clock.advance( 0.01 );
+   EXPECT_EQ( wheel._processExpiredTimers(), 2u );
+   EXPECT_EQ( early.fired + late.fired, 2u );
 }
 
 #ifndef OWN_ALLOCATOR

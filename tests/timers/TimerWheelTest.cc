@@ -342,6 +342,7 @@ TEST_F( TimerWheelTest, StatesAreChecked ) {
    EXPECT_STREQ( timerWheelStateToString( TimerWheelState( 3 ) ), "unknownState" );
    EXPECT_FATAL( event.stateIs( TimerWheelState( 3 ) ), "invalid state 3" );
    event.stateIs( TimerWheelState::inTimerWheel );
+   event.stateIs( TimerWheelState::inTimerWheel );
    EXPECT_FATAL( event.stateIs( TimerWheelState::inTimersExpiryingSoon ),
                  "State change inTimerWheel -> inTimersExpiryingSoon must go via notLinked" );
    event.stateIs( TimerWheelState::notLinked );
@@ -365,6 +366,9 @@ TEST_F( TimerWheelTest, ControlsOnAWheel ) {
    control->setTimeout( 2.0 );
    EXPECT_EQ( control->remainingTimeout(), 2.0 );
    control->setTimeout( infinity );
+   EXPECT_EQ( control->remainingTimeout(), infinity );
+   control->setTimeout( 2.0 );
+   control->delTimeout();
    EXPECT_EQ( control->remainingTimeout(), infinity );
    const auto fire = [ & ] {
       control->setTimeout( 2.0 );
