@@ -536,9 +536,11 @@ class ShowProgramTest : public ::testing::Test {
 };
 
 // Runs the agent while the command does, with both in variables of the shell.
-std::pair<int, std::string> besideAgent( const std::string& command ) {
-   return shell( "name=p$$; show='" SHOW_PROGRAM "'; agent='" HOST_AGENT_PROGRAM "'; "
-                 "\"$agent\" --seconds 0 --name $name ${ORUQUARN_TEST_FRAMEWORK:+--framework} "
+std::pair<int, std::string> besideAgent( const std::string& command,
+                                         const std::string& environment = {} ) {
+   return shell( "name=p$$; show='" SHOW_PROGRAM "'; agent='" HOST_AGENT_PROGRAM "'; " +
+                 environment +
+                 " \"$agent\" --seconds 0 --name $name ${ORUQUARN_TEST_FRAMEWORK:+--framework} "
                  ">/dev/null & "
                  "\"$show\" $name --wait 20 --all >/dev/null; { " +
                  command + " ; }; code=$?; kill $!; wait $!; exit $code" );
@@ -562,6 +564,22 @@ TEST_F( ShowProgramTest, RunningAgentAnswersTheClient ) {
                     .first,
               4 );
 }
+
+#ifdef FAULTS_LIBRARY
+
+// The first client, whose answer nobody looks at, meets the call that fails.
+TEST_F( ShowProgramTest, CallThatFailsForOneClientDoesNotForTheNext ) {
+   for( char const* fault : { "accept4:5:1", "accept4:24:1", "accept4:103:1", "getsockopt:9:1",
+                              "recvmsg:5:1", "recvmsg:4:1", "pipe2:24:1" } ) {
+      EXPECT_THAT( besideAgent( "$show $name --match WalkTimer",
+                                "PROVE_FAULTS='" + std::string( fault ) +
+                                      "' LD_PRELOAD='" FAULTS_LIBRARY "'" ),
+                   ::testing::Pair( 0, HasSubstr( "WalkTimer " ) ) )
+            << fault;
+   }
+}
+
+#endif
 
 TEST_F( ShowProgramTest, SecondAgentOfANameSaysWhoIsTheFirstAndEnds ) {
    const auto [ code, text ] =
