@@ -420,6 +420,9 @@ TEST_F( TaskGroupTest, FailedConstructionLeavesNothingBehind ) {
    root->defaultTaskQuantumIs( 3ms );
    g = group( "g", root, TaskPriority::high );
    EXPECT_EQ( g->taskGroupQuantum(), 3ms );
+   g->taskGroupQuantumNoCheckIs( 1ns );
+   EXPECT_EQ( g->taskGroupQuantum(), 1ns );
+   EXPECT_FATAL( g->taskGroupQuantumNoCheckIs( -7ns ), "Quantum: -7ns" );
    EXPECT_FATAL( makeTask( g, TaskPriority::normal, "m" ),
                  "taskPriority( normal ) != taskGroupPriority( high )" );
    EXPECT_EQ( makeTask( g, TaskPriority::high, "m" )->taskQuantum(), 3ms );

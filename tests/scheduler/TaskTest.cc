@@ -193,6 +193,7 @@ TEST_F( TaskTest, SchedulingIsIdempotentAndRecorded ) {
    EXPECT_EQ( root->runTaskCount( TaskPriority::normal ), 0u ) << "unscheduled is not run";
    EXPECT_FATAL( root->unscheduleTask( taskTimeNow(), a.get() ), "Task: a not on run queue" );
    EXPECT_FATAL( root->runnableTaskCount( TaskPriority::oneBeyondLast ), "oneBeyondLast" );
+   EXPECT_FATAL( root->runTaskCount( TaskPriority::oneBeyondLast ), "oneBeyondLast" );
    root->clearHistory();
    EXPECT_FALSE( step() );
    EXPECT_THAT( historyOf( *root ),
