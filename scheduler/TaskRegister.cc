@@ -59,18 +59,18 @@ void TaskScheduler::taskUnregister( TaskImpl* task ) {
    if( task->taskRunQueueLink_.linked() ) {
       QUARN_STREAM_FAIL( "Task: " << task << " scheduled on unregister" );
    }
+   if( task->includeInCompletedTask() ) {
+      updateCompletedTaskStats( task );
+   }
    const TaskPriority priority = task->taskPriority();
    std::uint32_t& count = tasksPerPriority_[ priority ];
    if( count == 0 ) {
       QUARN_STREAM_FAIL( "Priority: " << priority << " count: " << count );
    }
+   --count;
    if( !task->taskRegisteredLink_.linked() ) {
       QUARN_STREAM_FAIL( "Task: " << task << " not registered" );
    }
-   if( task->includeInCompletedTask() ) {
-      updateCompletedTaskStats( task );
-   }
-   --count;
    task->taskRegisteredLink_.unlink();
    historyEvent( taskTimeNow(), TaskSchedulerEventType::destroy, task );
 }

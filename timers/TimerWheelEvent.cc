@@ -71,6 +71,11 @@ TimerWheelState TimerWheelEvent::state() const {
       return TimerWheelState::inTimerWheel;
    case stateBits[ 2 ]:
       return TimerWheelState::inTimersExpiryingSoon;
+   default:
+      break;
+   }
+   if( ( bits & ( bits - 1 ) ) == 0 && bits != 0 ) {
+      QUARN_FAIL( "TimerWheelEvent", "Invalid flag combination {}", bits );
    }
    QUARN_FAIL( "TimerWheelEvent", "None or multiple of our flags set {}", bits );
 }
