@@ -12,6 +12,7 @@ import json
 import os
 import random
 import re
+import signal
 import subprocess
 import sys
 import time
@@ -76,22 +77,24 @@ class Proof:
 
     def run(self, command, **environment):
         """Output and exit status of a command; None for the status when it was ended."""
-        try:
-            done = subprocess.run(
-                [str(word) for word in command],
-                cwd=ROOT,
-                env={**os.environ, **environment},
-                stdin=subprocess.DEVNULL,
-                stdout=subprocess.PIPE,
-                stderr=subprocess.STDOUT,
-                timeout=self.limit,
-                errors="replace",
-                check=False,
-            )
-        except subprocess.TimeoutExpired as late:
-            said = late.stdout or b""
-            return said.decode(errors="replace") if isinstance(said, bytes) else said, None
-        return done.stdout, done.returncode
+        with subprocess.Popen(
+            [str(word) for word in command],
+            cwd=ROOT,
+            env={**os.environ, **environment},
+            stdin=subprocess.DEVNULL,
+            stdout=subprocess.PIPE,
+            stderr=subprocess.STDOUT,
+            errors="replace",
+            start_new_session=True,
+        ) as process:
+            try:
+                said, _ = process.communicate(timeout=self.limit)
+                return said, process.returncode
+            except subprocess.TimeoutExpired:
+                # With the children that it has forked, which hold the pipe open.
+                os.killpg(process.pid, signal.SIGKILL)
+                said, _ = process.communicate()
+                return said, None
 
     def program(self, row):
         folder = ROOT / "build" / row.build if row.build else self.build
@@ -128,14 +131,19 @@ class Proof:
 
     # Row 2.
     def tools(self):
-        outcomes = [
-            self.suite("asan-ubsan", "reports of ASan, UBSan, LSan"),
-            self.suite("tsan", "reports of TSan"),
-            self.findings("clang-tidy", ["scripts/lint", "clang-tidy"]),
-            self.findings("cppcheck", ["scripts/lint", "cppcheck"]),
+        calls = [
+            lambda: self.suite("asan-ubsan", "reports of ASan, UBSan, LSan"),
+            lambda: self.suite("tsan", "reports of TSan"),
+            lambda: self.findings("clang-tidy", ["scripts/lint", "clang-tidy"]),
+            lambda: self.findings("cppcheck", ["scripts/lint", "cppcheck"]),
         ]
         if self.runs_in("long"):
-            outcomes.append(self.valgrind())
+            calls.append(self.valgrind)
+        outcomes = []
+        for call in calls:
+            begin = time.monotonic()
+            outcomes.append(call())
+            outcomes[-1].seconds = time.monotonic() - begin
         return outcomes
 
     def suite(self, preset, name):
@@ -151,7 +159,10 @@ class Proof:
         found = re.findall(r"\d+% tests passed, (\d+) tests failed out of (\d+)", said)
         failed, cases = (sum(map(int, column)) for column in zip(*found)) if found else (0, 0)
         ok = status == 0 and failed == 0 and cases > 0
+        skipped = len(re.findall(r"\*\*\*Skipped", said))
         figure = f"{failed} in {cases} cases" if found else ended(status)
+        if skipped:
+            figure += f", {skipped} skipped"
         if not ok:
             tell(name, said)
         return Outcome(row, name, ok, figure, "0", repeat)
@@ -201,14 +212,16 @@ class Proof:
         load = [subprocess.Popen([sys.executable, "-c", "while True: pass"])
                 for _ in range(os.cpu_count() or 1)]
         fast = [sys.executable, __file__, "--build", self.build, "--fast", "--shuffle"]
-        suite = ["ctest", "--preset", "debug", "--schedule-random"]
+        # Each case is a process of its own, so that its order is who runs beside it.
+        suite = ["ctest", "--preset", "debug", "--schedule-random", "--no-tests=error",
+                 "--parallel", os.cpu_count() or 1, "--output-on-failure"]
         try:
             for turn in range(times):
-                for command in (fast, suite):
+                for command in (fast + ["--seed", random.randrange(10**9)], suite):
                     said, status = self.run(command)
                     if status != 0:
                         failed.append(turn)
-                        tell(f"run {turn}", said)
+                        tell(f"run {turn}, {' '.join(map(str, command))}", said)
         finally:
             for process in load:
                 process.kill()
@@ -309,12 +322,13 @@ def main():
         begin = time.monotonic()
         outcomes = call()
         for outcome in outcomes:
-            outcome.seconds = time.monotonic() - begin
+            outcome.seconds = outcome.seconds or time.monotonic() - begin
         return outcomes
 
     if options.shuffle:
+        # The order is part of what a seed repeats.
         numbers = list(rows)
-        random.shuffle(numbers)
+        random.Random(options.seed).shuffle(numbers)
         rows = {number: rows[number] for number in numbers}
 
     # Builds and suites take all cores; programs of one thread go side by side.
