@@ -6,10 +6,13 @@
 
 #include <Quarn/base/ThreadControl.h>
 
+#include <fmt/format.h>
+
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
+#include <string>
 #include <type_traits>
 #include <utility>
 
@@ -70,6 +73,11 @@ halfOnEachLoop( const Order& order, Result ( *plays )( std::uint64_t, std::uint6
       return framework ? plays( order.count / 2, order.seed + frameworkSeeds, true )
                        : plays( order.count - order.count / 2, order.seed, false );
    } );
+}
+
+// The command line under which a play of this length is the first of each loop, and whole on it.
+inline std::string byItself( std::uint64_t length, std::uint64_t playSeed ) {
+   return fmt::format( "by itself: --count {} --seed {}", 2 * length, playSeed % frameworkSeeds );
 }
 
 inline char const* loopText( bool framework ) {

@@ -64,8 +64,8 @@ Result plays( std::uint64_t count, std::uint64_t seed, bool framework ) {
       if( !good ) {
          std::cerr << "play " << playSeed % prove::frameworkSeeds << " on "
                    << prove::loopText( framework ) << ", after these steps:\n"
-                   << play.lastSteps() << play.fault() << "\nby itself: --count " << 2 * length
-                   << " --seed " << playSeed % prove::frameworkSeeds << std::endl;
+                   << play.lastSteps() << play.fault() << '\n'
+                   << prove::byItself( length, playSeed ) << std::endl;
          return result;
       }
    }

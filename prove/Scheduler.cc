@@ -74,8 +74,7 @@ Result plays( std::uint64_t count, std::uint64_t seed, bool framework ) {
          std::cerr << "play " << playSeed % prove::frameworkSeeds << " on "
                    << prove::loopText( framework ) << ": " << play->fault() << thrown << '\n';
          play->show( std::cerr );
-         std::cerr << "by itself: --count " << length << " --seed "
-                   << playSeed % prove::frameworkSeeds << std::endl;
+         std::cerr << prove::byItself( length, playSeed ) << std::endl;
          // What is broken may not come down in one piece.
          (void)play.release();
          return result;

@@ -71,8 +71,7 @@ Result plays( std::uint64_t count, std::uint64_t seed, bool framework ) {
                    << prove::loopText( framework ) << ", " << setting.timers
                    << " timers: " << play->fault() << '\n';
          play->show( std::cerr );
-         std::cerr << "by itself: --count " << length << " --seed "
-                   << playSeed % prove::frameworkSeeds << std::endl;
+         std::cerr << prove::byItself( length, playSeed ) << std::endl;
          return result;
       }
    }
