@@ -18,6 +18,12 @@ int rawRead( clockid_t clock, timespec* now ) {
    return static_cast<int>( syscall( SYS_clock_gettime, clock, now ) );
 }
 
+double rawSeconds( clockid_t clock ) {
+   timespec now{};
+   rawRead( clock, &now );
+   return static_cast<double>( now.tv_sec ) + static_cast<double>( now.tv_nsec ) / 1e9;
+}
+
 bool isWallClock( clockid_t clock ) {
    return clock == CLOCK_REALTIME || clock == CLOCK_REALTIME_COARSE;
 }
@@ -35,11 +41,9 @@ void wallClockStep( std::int64_t seconds ) {
    offset.fetch_add( seconds, std::memory_order_relaxed );
 }
 
-double rawMonotonic() {
-   timespec now{};
-   rawRead( CLOCK_MONOTONIC, &now );
-   return static_cast<double>( now.tv_sec ) + static_cast<double>( now.tv_nsec ) / 1e9;
-}
+double rawMonotonic() { return rawSeconds( CLOCK_MONOTONIC ); }
+
+double rawMonotonicCoarse() { return rawSeconds( CLOCK_MONOTONIC_COARSE ); }
 
 } // namespace prove
 

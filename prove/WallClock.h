@@ -16,4 +16,7 @@ void wallClockStep( std::int64_t seconds );
 // The system's monotonic clock, past every replacement, in seconds.
 double rawMonotonic();
 
+// The same clock at the last tick of the kernel, which is what an event base reads.
+double rawMonotonicCoarse();
+
 } // namespace prove
