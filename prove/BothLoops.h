@@ -76,6 +76,7 @@ halfOnEachLoop( const Order& order, Result ( *plays )( std::uint64_t, std::uint6
 }
 
 // The command line under which a play of this length is the first of each loop, and whole on it.
+// What is said of a fault is written in one piece: the other loop's process may have one as well.
 inline std::string byItself( std::uint64_t length, std::uint64_t playSeed ) {
    return fmt::format( "by itself: --count {} --seed {}", 2 * length, playSeed % frameworkSeeds );
 }

@@ -13,6 +13,7 @@
 #include <csignal>
 #include <iostream>
 #include <random>
+#include <sstream>
 
 namespace {
 
@@ -62,10 +63,12 @@ Result plays( std::uint64_t count, std::uint64_t seed, bool framework ) {
       }
       add( play.counts(), result.counts );
       if( !good ) {
-         std::cerr << "play " << playSeed % prove::frameworkSeeds << " on "
-                   << prove::loopText( framework ) << ", after these steps:\n"
-                   << play.lastSteps() << play.fault() << '\n'
-                   << prove::byItself( length, playSeed ) << std::endl;
+         std::ostringstream said;
+         said << "play " << playSeed % prove::frameworkSeeds << " on "
+              << prove::loopText( framework ) << ", after these steps:\n"
+              << play.lastSteps() << play.fault() << '\n'
+              << prove::byItself( length, playSeed ) << '\n';
+         std::cerr << said.str() << std::flush;
          return result;
       }
    }

@@ -13,6 +13,8 @@
 #include <exception>
 #include <iostream>
 #include <random>
+#include <sstream>
+#include <string>
 
 namespace {
 
@@ -71,10 +73,12 @@ Result plays( std::uint64_t count, std::uint64_t seed, bool framework ) {
       result.operations += play->operations();
       result.runs += play->runs();
       if( !good ) {
-         std::cerr << "play " << playSeed % prove::frameworkSeeds << " on "
-                   << prove::loopText( framework ) << ": " << play->fault() << thrown << '\n';
-         play->show( std::cerr );
-         std::cerr << prove::byItself( length, playSeed ) << std::endl;
+         std::ostringstream said;
+         said << "play " << playSeed % prove::frameworkSeeds << " on "
+              << prove::loopText( framework ) << ": " << play->fault() << thrown << '\n';
+         play->show( said );
+         said << prove::byItself( length, playSeed ) << '\n';
+         std::cerr << said.str() << std::flush;
          // What is broken may not come down in one piece.
          (void)play.release();
          return result;

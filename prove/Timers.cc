@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <iostream>
 #include <random>
+#include <sstream>
 
 namespace {
 
@@ -67,11 +68,13 @@ Result plays( std::uint64_t count, std::uint64_t seed, bool framework ) {
       }
       add( play->counts(), result.counts );
       if( !good ) {
-         std::cerr << "play " << playSeed % prove::frameworkSeeds << " on "
-                   << prove::loopText( framework ) << ", " << setting.timers
-                   << " timers: " << play->fault() << '\n';
-         play->show( std::cerr );
-         std::cerr << prove::byItself( length, playSeed ) << std::endl;
+         std::ostringstream said;
+         said << "play " << playSeed % prove::frameworkSeeds << " on "
+              << prove::loopText( framework ) << ", " << setting.timers
+              << " timers: " << play->fault() << '\n';
+         play->show( said );
+         said << prove::byItself( length, playSeed ) << '\n';
+         std::cerr << said.str() << std::flush;
          return result;
       }
    }
