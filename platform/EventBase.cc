@@ -115,7 +115,9 @@ void freeBaseWithLateKey() {
       }
       return made;
    }();
-   pthread_setspecific( key, &threadBase );
+   if( const int error = pthread_setspecific( key, &threadBase ) ) {
+      QUARN_FAIL_AS( "Quarn", "freeBaseWithLateKey", "pthread_setspecific() failed: {}", error );
+   }
 }
 
 } // namespace
@@ -218,14 +220,15 @@ void leInit() {
    if( threadBase.base ) {
       return;
    }
-   leRegisterBase( leCreateBase() );
-   threadBase.freedAtThreadEnd = true;
+   // Before there is a base, which nobody would free when this fails.
    if( Platform::threadEnded ) {
       Platform::freeBaseWithLateKey();
    } else {
       // Touching the object is what has it destroyed at the end of the thread.
       Platform::threadEnd.armed = true;
    }
+   leRegisterBase( leCreateBase() );
+   threadBase.freedAtThreadEnd = true;
 }
 
 bool leInitialized() { return threadBase.base != nullptr; }

@@ -3,10 +3,11 @@
 // Each thread has at most one base, made when it is first needed and kept until `leFree()` or the
 // end of the thread. Everything here acts on the calling thread's base.
 //
-// When memory is out: what libevent cannot do without is fatal, with its words or ours. The first
-// use that a thread makes of its base, its root or wheel, of virtual time, and the first exception
-// that leaves a task on it, note the end of the thread with the C library, which ends the process
-// when it finds no memory for that ("failed to register TLS destructor").
+// When memory is out: libevent goes on without what it can do without; what it cannot do without is
+// fatal, with its words or ours. A trace of what libevent says ends the process when its text finds
+// no memory. The first use that a thread makes of its base, its root or wheel, of virtual time, and
+// the first exception that leaves a task on it, note the end of the thread with the C library,
+// which ends the process when it finds no memory for that ("failed to register TLS destructor").
 
 #pragma once
 
@@ -32,7 +33,12 @@ ORUQUARN_API event_base* leCreateBase();
 // Errors: fatal when the thread has another base already.
 ORUQUARN_API void leRegisterBase( event_base* base );
 
-// Gives the thread a base when it has none. The end of the thread frees it.
+// Gives the thread a base when it has none. The end of the thread frees it, also when it is made by
+// a destructor of a thread-local object.
+//
+// Errors: fatal when no base can be made, or when nobody could free it: by such a destructor there
+//         has to be room for one more pthread_key_create(3) ("pthread_key_create() failed ...",
+//         "pthread_setspecific() failed ..."). The thread has no base then.
 ORUQUARN_API void leInit();
 
 // Whether the thread has a base.
@@ -49,7 +55,8 @@ ORUQUARN_API void leFree();
 // calls this before it runs the loop. Touching descriptors before is harmless: the library notices
 // that it runs in a child and leaves the parent's watch list alone.
 //
-// Errors: fatal when libevent cannot set the base up again.
+// Errors: fatal when libevent cannot set the base up again ("event_reinit failed ...", or "libevent
+//         fatal error ...": then the thread gives that base up, with what it has).
 ORUQUARN_API void leForkReinit();
 
 // Sets the priority of a libevent event.
