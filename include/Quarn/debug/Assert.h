@@ -4,7 +4,8 @@
 // `debugAndAssert` takes a stream: "file:function:line: text". Callers treat both as not returning.
 //
 // The text is also traced, at level 0 and whatever the mask says, when the base library does not
-// run in its throw-on-assert mode or `forceTraceOnAssertIs( true )` was called.
+// run in its throw-on-assert mode or `forceTraceOnAssertIs( true )` was called; a line that finds
+// no memory is dropped.
 
 #pragma once
 

@@ -32,7 +32,8 @@ class ORUQUARN_API DebugHandler : public std::enable_shared_from_this<DebugHandl
    // Switches one level of the facility on or off, for all handlers of its name.
    virtual void enabledIs( unsigned short level, bool on ) = 0;
 
-   // Writes the text of `stream` as one trace line, whatever the mask says.
+   // Writes the text of `stream` as one trace line, whatever the mask says. Throws nothing: a line
+   // that finds no memory is dropped, and a stream keeps what is thrown into it as its bad bit.
    virtual void dump( DebugStream& stream, unsigned short level, char const* file,
                       char const* function, int line ) const = 0;
 

@@ -2,7 +2,8 @@
 // how a line looks. The framework's facility manager reads both; docs/tracing.md has the syntax.
 //
 // Thread: these functions change the environment of the process and must not race with each other
-// or with anything that reads it. None lets an exception out; a failure ends the process.
+// or with anything that reads it. None lets an exception out; a failure ends the process. A text
+// that the environment finds no memory for is left out, and the settings stay what they were.
 
 #pragma once
 

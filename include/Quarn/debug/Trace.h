@@ -6,6 +6,9 @@
 //
 // The argument orders differ between the functions, as the lists below say; the macro keeps callers
 // from mixing up three neighbouring character strings.
+//
+// When memory is out: a trace whose text finds no memory ends the process; a line that finds no
+// memory is dropped, where the text is there and is laid out.
 
 #pragma once
 
@@ -45,7 +48,8 @@ inline char const* orNull( char const* text ) { return text ? text : "(null)"; }
 
 } // namespace Impl
 
-// Hands a finished message to the framework, which writes it as one line. Never throws.
+// Hands a finished message to the framework, which writes it as one line. Never throws: a line
+// that finds no memory is dropped.
 ORUQUARN_API void dumpDebugMsg( const String& message, unsigned short level,
                                 const Platform::DebugHandler& handler, char const* file,
                                 char const* function, int line ) noexcept;

@@ -78,7 +78,8 @@ class ORUQUARN_API FileDescriptorTask : public _TaskBase, private Platform::FdEv
    // wait for their run are dropped. The number that is watched already changes nothing: where it
    // was closed and stands for another file by now, taskWatchFdDel() comes first.
    //
-   // Errors: fatal when the descriptor's flags cannot be read or set.
+   // Errors: fatal when the descriptor's flags cannot be read or set, and, as in the flags below,
+   //         when there is no room for the watch ("Failed to add event fd ...").
    void taskWatchFdIs( int fd );
    // The descriptor, or -1.
    int taskWatchFd() const;

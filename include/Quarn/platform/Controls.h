@@ -45,7 +45,9 @@ class ORUQUARN_API FdControl {
    // Watches `fd` from now on and makes it non-blocking. A descriptor that cannot be polled, such
    // as a regular file, counts as always writable; its reads are never reported.
    //
-   // Errors: fatal when the descriptor's flags cannot be read or set.
+   // Errors: fatal when the descriptor's flags cannot be read or set, and when there is no room for
+   //         the watch ("Failed to add event fd ..."), which the flags may meet too. A descriptor
+   //         that could not be set is forgotten.
    virtual void setFd( int fd ) = 0;
 
    // Forgets the descriptor.
@@ -69,7 +71,9 @@ class ORUQUARN_API TimerControl {
    // The loop reads a coarse clock, so that a timer may fire up to 4 ms early. Timers that must not
    // are kept in a `TimerWheel`.
    //
-   // Errors: fatal on NaN ("invalid timeout ...").
+   // Errors: fatal on NaN ("invalid timeout ..."), and when there is no room for one more timer
+   //         ("Failed to add event fd -1 ..."). What is due is made active where there is no room
+   //         for a timer, so that neither a delay of 0 nor a callback is refused.
    virtual void setTimeout( double seconds ) = 0;
 
    // Disarms; does nothing to a timer that is not armed.

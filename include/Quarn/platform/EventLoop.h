@@ -6,7 +6,8 @@
 // Times are seconds on the event loop's monotonic clock. Negative counts as 0; +infinity never ends
 // by itself.
 // Errors: fatal on NaN, when a loop runs already ("event loop is already running on this thread"),
-// and when libevent fails.
+// and when libevent fails ("event loop failed ...") or has no room for the timer that ends the loop
+// ("Failed to add event").
 
 #pragma once
 

@@ -260,7 +260,9 @@ class ORUQUARN_API TaskScheduler : public std::enable_shared_from_this<TaskSched
    //            thread ends: then the descriptor is closed with the document cut short, and `done`
    //            is not called. With a root of one's own, keep turning the loop until `done`.
    // Errors:    fatal when the descriptor's flags cannot be read or set, and for a null snapshot;
-   //            what `done` throws leaves the scheduler's run, with everything released.
+   //            what `done` throws leaves the scheduler's run, with everything released. A snapshot
+   //            that finds no memory says so (`TaskSchedulerSnapshot::renderJson`); a document that
+   //            finds none ends too early.
    void
    snapshotRenderJsonAsync( int fd,
                             std::vector<std::shared_ptr<const TaskSchedulerSnapshot>> snapshots,

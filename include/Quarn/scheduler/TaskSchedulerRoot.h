@@ -143,7 +143,8 @@ class ORUQUARN_API TaskSchedulerRoot final : public TaskScheduler,
    //
    // Errors: fatal for a descriptor in non-blocking mode, as in `FdToStream`. What a descriptor or
    //         standard error does not take is lost without a word. An invalid expression is reported
-   //         on standard error, too.
+   //         on standard error, too. A stream keeps what is thrown into it as its bad bit. A sort
+   //         that finds no memory for its buffer gives the same text.
    void statsRenderTextForDebug( std::ostream& out, bool includeNoRuns = false,
                                  bool includeCompleted = false, bool includeTaskKeys = false,
                                  bool includeHistory = false, String taskNameRegex = {} ) const;

@@ -44,8 +44,9 @@ class ORUQUARN_API TaskNameRegex {
    // Errors: none thrown. An expression that does not compile, has more than 2048 bytes or 256
    //         opening parentheses or a number above 2147483647 for a repeat or a back-reference, or
    //         becomes too large when its counted repeats are written out, makes the filter invalid
-   //         and is reported on standard error. So does one that needs more stack than the thread
-   //         has left; the largest takes 1.3 MiB.
+   //         and is reported on standard error. So does one that finds no memory, or needs more
+   //         stack than the thread has left; the largest takes 1.3 MiB. A thread whose stack the
+   //         system does not tell counts as one with 8 MiB left.
    explicit TaskNameRegex( const String& pattern ) noexcept;
    ~TaskNameRegex();
 

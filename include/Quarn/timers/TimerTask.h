@@ -22,7 +22,8 @@
 //            0 queues the task at once; negative fires in the next pass of the wheel.
 // Ownership: the wheel links the task and does not own it; destroying the task stops the timer.
 // Thread:    that of the scheduler's root.
-// Errors:    fatal on NaN ("delayIntoFuture: nan"), before anything has changed.
+// Errors:    fatal on NaN ("delayIntoFuture: nan"), before anything has changed, and when there
+//            is no room for the wheel's own timer ("Failed to add event fd -1 ...").
 // Cost:      starting and stopping take constant time and allocate nothing.
 
 #pragma once

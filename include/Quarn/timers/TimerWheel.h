@@ -35,6 +35,8 @@ namespace Quarn {
 class ORUQUARN_API TimerWheel : private Platform::TimeoutHandler {
  public:
    // `priority` is that of the master timer.
+   //
+   // Errors: std::bad_alloc.
    explicit TimerWheel( Platform::EventPriority priority );
 
    // Errors: timers whose tick has come and that are not stopped end the process.
@@ -46,7 +48,8 @@ class ORUQUARN_API TimerWheel : private Platform::TimeoutHandler {
    // Has `ev` fire once, `delay` seconds from now; an event that runs is moved. With 0 or less it
    // fires in the next pass, with +infinity never (it is stopped).
    //
-   // Errors: fatal on NaN.
+   // Errors: fatal on NaN, and when there is no room for the master timer ("Failed to add event fd
+   //         -1 ...").
    void timerStart( TimerWheelEvent* ev, double delay );
 
    // Does nothing to an event that does not run.

@@ -71,14 +71,14 @@ class ORUQUARN_API FileLock : public Debuggable {
 namespace Util {
 
 // The process that holds a lock on `lockFile`, found by a walk over the descriptors of all
-// processes under /proc; 0 when none is found.
+// processes under /proc; 0 when none is found. What cannot be read is passed over.
 //
 // The path must be absolute and free of symbolic links, as /proc shows it, and the file must not
 // have been removed since. Processes of other users may be invisible, which gives 0. A child that a
 // holder has forked holds the lock too and may be the one that is found; asked by such a child, the
 // answer is itself. The process may have ended by the time the caller looks.
 //
-// Errors: fatal when /proc cannot be opened.
+// Errors: fatal when /proc cannot be opened ("Couldn't open /proc").
 ORUQUARN_API int readLockPid( Platform::DebugHandler& handler, const String& lockFile );
 
 } // namespace Util

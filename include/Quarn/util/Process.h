@@ -72,7 +72,7 @@ ORUQUARN_API String decodeMagic( unsigned long magic );
 
 // The address of a symbol in the program or in a library loaded with it, null when there is none.
 //
-// Errors: fatal when the program itself cannot be opened.
+// Errors: fatal when the program itself cannot be opened ("dlopen() failed ...").
 ORUQUARN_API void* resolveSym( Platform::DebugHandler& handler, char const* symbol );
 
 // Why the last `resolveSym` in this process, on whatever thread, found nothing; empty when it found

@@ -52,7 +52,8 @@ ORUQUARN_API int createAndBindSocket( Platform::DebugHandler& handler, const Str
 // The most bytes that the system grants a socket's send buffer, 8 MiB where it does not say. It is
 // read once in a process.
 //
-// Errors: fatal when what the system says is no number.
+// Errors: fatal when what the system says is no number ("unable to convert string ..."), or cannot
+//         be read.
 ORUQUARN_API unsigned int SYSTEM_MAX_SEND_BUFFER_SIZE();
 
 // Sets the bytes of a socket's send buffer, and gives 0. The system grants no more than

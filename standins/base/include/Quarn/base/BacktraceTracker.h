@@ -63,7 +63,7 @@ struct BacktraceTracker {
    // Records the caller's backtrace with the time and the thread; at most its 128 innermost calls.
    // While recording is off it does nothing, at the cost of a call and one relaxed load.
    //
-   // Errors: std::bad_alloc, with nothing recorded.
+   // Errors: std::bad_alloc, with nothing recorded. A backtrace that finds no memory has no frames.
    QUARN_BASE_API static void backtraceIs( String const& label );
 };
 
