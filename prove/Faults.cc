@@ -5,12 +5,15 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 
 #include <dirent.h>
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <poll.h>
+#include <pthread.h>
 #include <sched.h>
+#include <signal.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/inotify.h>
@@ -35,7 +38,28 @@ constinit int failingTimes = 0;
 constinit int counted = 0;
 constinit int hits = 0;
 constinit bool namespacesAreFree = false;
+constinit bool typesAreUnknown = false;
 constinit thread_local bool armed = false;
+
+// Which network namespace a thread is in, and which one a descriptor stands for, where everybody
+// may enter them. One that is entered is only noted.
+enum class Namespace : unsigned char {
+   other, // the descriptor stands for something else
+   own,
+   first, // that of the first process
+};
+constexpr char firstNamespace[] = "/proc/1/ns/net";
+constexpr char ownNamespace[] = "/proc/self/ns/net";
+constexpr char threadNamespace[] = "/proc/thread-self/ns/net";
+constexpr char namedNamespace[] = "/var/run/netns/default";
+constinit thread_local Namespace entered = Namespace::own;
+constinit Namespace namespaceOf[ 1024 ] = {};
+
+void noteNamespace( int fd, Namespace which ) {
+   if( fd >= 0 && fd < static_cast<int>( std::size( namespaceOf ) ) ) {
+      namespaceOf[ fd ] = which;
+   }
+}
 
 // Whether `name` is one of those between the bars.
 bool isNamed( char const* name ) {
@@ -100,6 +124,14 @@ Function* realOf( Function* /* of the same type */, char const* name ) {
          return nullptr;              \
       }                               \
    } while( false )
+// Answers like the calls whose result is the error.
+#define FAIL_AS_ERROR( name )            \
+   do {                                  \
+      const int fault = faultOf( name ); \
+      if( fault != none ) {              \
+         return fault;                   \
+      }                                  \
+   } while( false )
 // A static pointer without a guard: two threads find the same.
 #define REAL( name )                            \
    static decltype( &( name ) ) real = nullptr; \
@@ -120,7 +152,14 @@ void proveFaultIs( char const* call, int error, int nth, int times ) {
 
 void proveFaultsArmed( bool on ) { armed = on; }
 
-void proveNamespacesAreFree( bool on ) { namespacesAreFree = on; }
+void proveNamespacesAreFree( bool on ) {
+   namespacesAreFree = on;
+   entered = Namespace::own;
+}
+
+void proveFileTypesAreUnknown( bool on ) { typesAreUnknown = on; }
+
+int proveNamespaceIsLeft() { return entered != Namespace::own; }
 
 int proveFaultHits() { return hits; }
 
@@ -133,10 +172,22 @@ int open( char const* path, int flags, ... ) {
    va_start( arguments, flags );
    const mode_t mode = ( flags & ( O_CREAT | O_TMPFILE ) ) != 0 ? va_arg( arguments, mode_t ) : 0;
    va_end( arguments );
-   if( armed && namespacesAreFree && std::strcmp( path, "/proc/1/ns/net" ) == 0 ) {
-      path = "/proc/self/ns/net";
+   if( !armed || !namespacesAreFree ) {
+      return real( path, flags, mode );
    }
-   return real( path, flags, mode );
+   // It may be there on this machine and not on the next.
+   if( std::strcmp( path, namedNamespace ) == 0 ) {
+      errno = ENOENT;
+      return -1;
+   }
+   const bool first = std::strcmp( path, firstNamespace ) == 0;
+   const int fd = real( first ? ownNamespace : path, flags, mode );
+   noteNamespace( fd, first ? Namespace::first
+                      : std::strcmp( path, ownNamespace ) == 0 ||
+                                  std::strcmp( path, threadNamespace ) == 0
+                            ? entered
+                            : Namespace::other );
+   return fd;
 }
 
 FILE* fopen( char const* path, char const* mode ) {
@@ -219,6 +270,7 @@ char* getcwd( char* path, std::size_t size ) noexcept {
 int close( int fd ) {
    REAL( close );
    const int fault = faultOf( "close" );
+   noteNamespace( fd, Namespace::other );
    const int result = real( fd );
    if( fault == none ) {
       return result;
@@ -252,7 +304,29 @@ int closedir( DIR* stream ) {
 dirent* readdir( DIR* stream ) {
    REAL( readdir );
    FAIL_AS_NULL( "readdir" );
-   return real( stream );
+   dirent* const entry = real( stream );
+   if( entry && armed && typesAreUnknown ) {
+      entry->d_type = DT_UNKNOWN;
+   }
+   return entry;
+}
+
+int fscanf( FILE* file, char const* format, ... ) {
+   FAIL_OR_PRETEND( "fscanf" );
+   va_list arguments;
+   va_start( arguments, format );
+   const int result = std::vfscanf( file, format, arguments );
+   va_end( arguments );
+   return result;
+}
+
+int fprintf( FILE* file, char const* format, ... ) {
+   FAIL_OR_PRETEND( "fprintf" );
+   va_list arguments;
+   va_start( arguments, format );
+   const int result = std::vfprintf( file, format, arguments );
+   va_end( arguments );
+   return result;
 }
 
 ssize_t read( int fd, void* bytes, std::size_t size ) {
@@ -351,10 +425,16 @@ int setsockopt( int sd, int level, int option, void const* value, socklen_t size
 int setns( int fd, int type ) noexcept {
    REAL( setns );
    FAIL_OR_PRETEND( "setns" );
-   if( armed && namespacesAreFree ) {
-      return 0;
+   if( !armed || !namespacesAreFree ) {
+      return real( fd, type );
    }
-   return real( fd, type );
+   if( fd < 0 || fd >= static_cast<int>( std::size( namespaceOf ) ) ||
+       namespaceOf[ fd ] == Namespace::other ) {
+      errno = EINVAL;
+      return -1;
+   }
+   entered = namespaceOf[ fd ];
+   return 0;
 }
 
 // --------------------------------------------------------------------------------- events, memory
@@ -453,10 +533,55 @@ void* mmap( void* address, std::size_t size, int protection, int flags, int fd,
    return real( address, size, protection, flags, fd, offset );
 }
 
+int munmap( void* address, std::size_t size ) noexcept {
+   REAL( munmap );
+   FAIL_OR_PRETEND( "munmap" );
+   return real( address, size );
+}
+
 int madvise( void* address, std::size_t size, int advice ) noexcept {
    REAL( madvise );
    FAIL_OR_PRETEND( "madvise" );
    return real( address, size, advice );
+}
+
+// ---------------------------------------------------------------------- the process, its threads
+
+int setenv( char const* name, char const* value, int replace ) noexcept {
+   REAL( setenv );
+   FAIL_OR_PRETEND( "setenv" );
+   return real( name, value, replace );
+}
+
+int sigtimedwait( sigset_t const* signals, siginfo_t* info, timespec const* wait ) {
+   REAL( sigtimedwait );
+   FAIL_OR_PRETEND( "sigtimedwait" );
+   return real( signals, info, wait );
+}
+
+int pthread_getattr_np( pthread_t thread, pthread_attr_t* attributes ) noexcept {
+   REAL( pthread_getattr_np );
+   FAIL_AS_ERROR( "pthread_getattr_np" );
+   return real( thread, attributes );
+}
+
+int pthread_attr_getstack( pthread_attr_t const* attributes, void** lowest,
+                           std::size_t* size ) noexcept {
+   REAL( pthread_attr_getstack );
+   FAIL_AS_ERROR( "pthread_attr_getstack" );
+   return real( attributes, lowest, size );
+}
+
+int pthread_key_create( pthread_key_t* key, void ( *destroy )( void* ) ) noexcept {
+   REAL( pthread_key_create );
+   FAIL_AS_ERROR( "pthread_key_create" );
+   return real( key, destroy );
+}
+
+int pthread_setspecific( pthread_key_t key, void const* value ) noexcept {
+   REAL( pthread_setspecific );
+   FAIL_AS_ERROR( "pthread_setspecific" );
+   return real( key, value );
 }
 
 void* dlopen( char const* file, int mode ) noexcept {

@@ -32,9 +32,16 @@ void proveFaultIs( char const* call, int error, int nth, int times );
 // Counts and fails calls of the calling thread from now on, or no longer.
 void proveFaultsArmed( bool on );
 
-// Whether everybody may enter network namespaces: armed calls find that of this process in place of
-// the first process's, and `setns` does nothing.
+// Whether everybody may enter network namespaces, and begins in his own: there is none named
+// "default", and the first process's may be opened; armed calls of `setns` only note which of the
+// two the thread has entered.
 void proveNamespacesAreFree( bool on );
+
+// Whether the calling thread is in the first process's namespace, by what was noted.
+int proveNamespaceIsLeft( void );
+
+// Whether armed calls read entries of directories without the types of the files.
+void proveFileTypesAreUnknown( bool on );
 
 // How many calls have failed since `proveFaultIs`.
 int proveFaultHits( void );

@@ -22,11 +22,14 @@
 #include <netns.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <stdexcept>
+#include <thread>
 
 #include <fcntl.h>
 #include <sched.h>
@@ -141,6 +144,32 @@ const Operation init{ "leInit",
                          return std::string( "base" );
                       },
                       "base" };
+
+// By the destructor of a thread-local object that outlives those of the library.
+const Operation lateInit{ "leInit at the end of a thread",
+                          []( Scene& scene ) {
+                             std::string outcome;
+                             const auto atEnd = [ & ] {
+                                try {
+                                   scene.faulty( [] { leInit(); } );
+                                   outcome = leInitialized() ? "base" : "none";
+                                } catch( const AssertException& e ) {
+                                   scene.said += e.what();
+                                   outcome = leInitialized() ? "fatal, with a base" : "fatal";
+                                }
+                             };
+                             std::thread( [ & ] {
+                                struct End {
+                                   ~End() { body(); }
+                                   std::function<void()> body;
+                                };
+                                thread_local End end;
+                                end.body = atEnd;
+                                leInit();
+                             } ).join();
+                             return outcome;
+                          },
+                          "base" };
 
 const Operation forkReinit{ "leForkReinit",
                             []( Scene& scene ) {
@@ -286,6 +315,17 @@ const Operation stream{ "a write of FdToStream",
                         },
                         "good" };
 
+const Operation brokenStream{ "a write of FdToStream to nobody",
+                              []( Scene& scene ) {
+                                 int ends[ 2 ];
+                                 need( pipe2( ends, O_CLOEXEC ) == 0, "pipe2" );
+                                 close( ends[ 0 ] );
+                                 FdToStream out( ends[ 1 ], true );
+                                 scene.faulty( [ & ] { out << "words" << std::flush; } );
+                                 return std::string( out.good() ? "good" : "bad" );
+                              },
+                              "bad" };
+
 const Operation closeStream{ "~FdToStream",
                              []( Scene& scene ) {
                                 const File file;
@@ -375,6 +415,52 @@ const Operation render{ "a render under way",
                         []( Scene& scene ) { return rendered( scene, false, 1 ); }, "whole" };
 const Operation renderTwice{ "two renders onto one pipe",
                              []( Scene& scene ) { return rendered( scene, false, 2 ); }, "whole" };
+
+const Operation nameFilter{ "TaskNameRegex",
+                            []( Scene& scene ) {
+                               return std::string( scene.faulty( [] {
+                                  const TaskNameRegex filter( String( "fir[s-t]+ of .*" ) );
+                                  return filter.valid() && filter.match<0>( "first of all" )
+                                               ? "matches"
+                                               : "does not match";
+                               } ) );
+                            },
+                            "matches" };
+
+namespace {
+
+std::string environment( char const* name ) {
+   char const* const value = std::getenv( name );
+   return value ? value : "";
+}
+
+} // namespace
+
+const Operation traceItems{
+      "setupQuarnDebug",
+      []( Scene& scene ) {
+         const std::string before = environment( "TRACE" );
+         scene.faulty( [] { Platform::setupQuarnDebug( "Nobody/3" ); } );
+         const std::string now = environment( "TRACE" );
+         return now == before ? "as before" : now == before + ",Nobody/3" ? "set" : now;
+      },
+      "set" };
+
+const Operation traceFormat{ "setTraceFormat",
+                             []( Scene& scene ) {
+                                Platform::setTraceFormat( "%f: %m" );
+                                scene.faulty( [] { Platform::setTraceFormat( "%m" ); } );
+                                return environment( "TRACEFORMAT" );
+                             },
+                             "%m" };
+
+const Operation noTraceFormat{ "clearTraceFormat",
+                               []( Scene& scene ) {
+                                  Platform::setTraceFormat( "%f: %m" );
+                                  scene.faulty( [] { Platform::clearTraceFormat(); } );
+                                  return environment( "TRACEFORMAT" );
+                               },
+                               "" };
 
 const Operation trace{ "a trace",
                        []( Scene& scene ) {
@@ -532,6 +618,13 @@ const Operation findFiles{ "findFiles",
                               } );
                            },
                            "1" };
+
+const Operation findUntypedFiles{ "findFiles where entries have no type",
+                                  []( Scene& scene ) {
+                                     proveFileTypesAreUnknown( true );
+                                     return findFiles.run( scene );
+                                  },
+                                  findFiles.outcome };
 
 const Operation closeDir{ "~DirNode",
                           []( Scene& scene ) {
@@ -702,6 +795,16 @@ const Operation socketHere{ "socket, where namespaces are out of reach",
 const Operation socketThere{ "socket in the default namespace",
                              []( Scene& scene ) { return socketOutcome( scene, true ); },
                              "socket" };
+const Operation socketNotBack{ "socket without a way back",
+                               []( Scene& scene ) {
+                                  try {
+                                     return socketOutcome( scene, true );
+                                  } catch( const RuntimeException& ) {
+                                     need( proveNamespaceIsLeft(), "the thread is back" );
+                                     throw;
+                                  }
+                               },
+                               "socket", "namespace of the first process" };
 
 const Operation bindSocket{ "createAndBindSocket",
                             []( Scene& scene ) {
@@ -742,6 +845,10 @@ const Operation enterNamespace{ "setnsByName",
                                       return answer( setnsByName( DEFAULT_NS, CLONE_NEWNET ) );
                                    } );
                                    scene.said += netnsGetTracebuffer();
+                                   need( ( outcome == "0" ) == ( proveNamespaceIsLeft() != 0 ),
+                                         "the result is not where the thread is" );
+                                   // Back, as it is the caller's to come.
+                                   proveNamespacesAreFree( true );
                                    return outcome;
                                 },
                                 "0" };

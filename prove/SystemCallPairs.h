@@ -44,7 +44,7 @@ struct Operation {
    std::string ( *run )( Scene& scene );
    // The outcome when no call fails.
    char const* outcome;
-   // What may stay open after a failure; null for nothing.
+   // What may stay open or changed after a failure, as the header says; null for nothing.
    char const* leaves = nullptr;
 };
 
@@ -63,17 +63,17 @@ struct Pair {
 std::span<const Pair> systemCallPairs();
 
 // The operations, of which each comes to its outcome when nothing fails.
-extern const Operation createBase, createBaseInVain, init, forkReinit, loop, watchFd, watchReads,
-      watchWrites, unwatch, frameworkFd, frameworkLoop;
-extern const Operation openStream, stream, closeStream, textReport, startRender, render,
-      renderTwice, trace;
+extern const Operation createBase, createBaseInVain, init, lateInit, forkReinit, loop, watchFd,
+      watchReads, watchWrites, unwatch, frameworkFd, frameworkLoop;
+extern const Operation openStream, stream, brokenStream, closeStream, textReport, startRender,
+      render, renderTwice, nameFilter, trace, traceItems, traceFormat, noTraceFormat;
 extern const Operation mkpath, trimpath, touch, fileWrite, fileWriteQuietly, fileRead, fileExists,
       fileRemove, fileSize, fdSize, truncateFile, getCwd;
-extern const Operation openDir, readDir, findFiles, closeDir;
+extern const Operation openDir, readDir, findFiles, findUntypedFiles, closeDir;
 extern const Operation lock, release, dropLock, lockPid;
 extern const Operation cmdline, title, startTime, socketPid, typeName, coreFilter, symbol, mappings,
       plugin;
-extern const Operation socketHere, socketThere, bindSocket, sendBuffer, mostSendBuffer,
-      enterNamespace;
+extern const Operation socketHere, socketThere, socketNotBack, bindSocket, sendBuffer,
+      mostSendBuffer, enterNamespace;
 
 } // namespace prove

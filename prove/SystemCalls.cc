@@ -1,5 +1,7 @@
-// Row 6: calls of the system that fail, each with the errors that it may have, at the call sites of
-// the library, its utilities and the stand-ins. The table is in SystemCallPairs.cc.
+// Row 6: calls of the system that fail, each with the errors that it may have, in operations of the
+// library, its utilities and the stand-ins. The table is in SystemCallPairs.cc. Each function of
+// the C library that they import is in it, or in the list of SystemCallImports.cc with the reason
+// why not; one that is in neither is a fault.
 //
 // Each pair has a process of its own. The operation has to come to the outcome that the headers
 // promise, with the text that they promise; the open descriptors, the umask, the current directory,
@@ -7,6 +9,7 @@
 // succeed when it is made again.
 
 #include "prove/Row.h"
+#include "prove/SystemCallImports.h"
 #include "prove/SystemCallPairs.h"
 
 #include <Quarn/base/Exception.h>
@@ -82,9 +85,15 @@ std::set<std::string> stateOfProcess() {
    lines.insert( "directory " + std::filesystem::current_path().string() );
    lines.insert( "namespace " +
                  std::filesystem::read_symlink( "/proc/thread-self/ns/net" ).string() );
+   if( proveNamespaceIsLeft() ) {
+      lines.insert( "namespace of the first process" );
+   }
    sigset_t blocked;
    sigprocmask( SIG_BLOCK, nullptr, &blocked );
    lines.insert( fmt::format( "SIGPIPE {}", sigismember( &blocked, SIGPIPE ) ) );
+   sigset_t pending;
+   sigpending( &pending );
+   lines.insert( fmt::format( "pending SIGPIPE {}", sigismember( &pending, SIGPIPE ) ) );
    return lines;
 }
 
@@ -232,13 +241,13 @@ int main( int argc, char** argv ) {
             }
             std::uint64_t done = 0;
             std::uint64_t faults = 0;
-            std::set<std::pair<std::string, std::string>> callSites;
+            std::set<std::pair<std::string, std::string>> places;
             for( const Pair& pair : prove::systemCallPairs() ) {
                if( done == order.count ) {
                   break;
                }
                ++done;
-               callSites.emplace( pair.call, pair.operation.name );
+               places.emplace( pair.call, pair.operation.name );
                if( const std::string fault = attack( pair, folder + "/scene" ); !fault.empty() ) {
                   ++faults;
                   fmt::print( "FAULT {} fails with {} ({}th, {} times) in {}: {}\n", pair.call,
@@ -247,8 +256,18 @@ int main( int argc, char** argv ) {
                }
             }
             std::filesystem::remove_all( folder );
-            const std::string figure = fmt::format( "{} pairs at {} call sites, {} faults", done,
-                                                    callSites.size(), faults );
+            const std::set<std::string> imports = prove::importsOfLibrary();
+            const std::set<std::string> missing = prove::importsWithoutPair( imports );
+            for( const std::string& function : missing ) {
+               ++faults;
+               fmt::print( "FAULT {} is called and has neither a pair nor a reason for none\n",
+                           function );
+            }
+            const std::string figure =
+                  fmt::format( "{} pairs of call and error, {} of call and operation; {} of {} "
+                               "functions imported "
+                               "have neither pair nor reason; {} faults",
+                               done, places.size(), missing.size(), imports.size(), faults );
             const bool enough = done >= 150 || done == order.count;
             return prove::Outcome{ enough && faults == 0, figure };
          } );
