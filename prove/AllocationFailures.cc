@@ -140,8 +140,10 @@ std::string verdict( int status, std::int64_t blocksWithoutFailure ) {
    if( WIFSIGNALED( status ) && WTERMSIG( status ) == SIGABRT && threadCannotBegin() ) {
       result->place.terminated = true;
       result->hit = true;
-      std::snprintf( result->place.promise, sizeof( result->place.promise ),
-                     "the first use by a thread ends the process when memory is out" );
+      std::snprintf(
+            result->place.promise, sizeof( result->place.promise ),
+            "the first use that a thread makes notes its end with the C library, which ends "
+            "the process when it finds no memory for that" );
       return {};
    }
    if( WIFSIGNALED( status ) ) {
@@ -157,9 +159,7 @@ std::string verdict( int status, std::int64_t blocksWithoutFailure ) {
    if( result->fault[ 0 ] != '\0' ) {
       return result->fault;
    }
-   // A base whose set-up fails in the midst of libevent is given up, with what it has.
-   if( result->hit && result->answer != Answer::fatal && !result->place.mayKeep &&
-       result->blocks > blocksWithoutFailure ) {
+   if( result->hit && !result->place.mayKeep && result->blocks > blocksWithoutFailure ) {
       return fmt::format( "{} blocks are lost since {}", result->blocks - blocksWithoutFailure,
                           result->place.failedCall );
    }
@@ -173,7 +173,7 @@ struct Tally {
    std::uint64_t fatal = 0;
    std::uint64_t terminated = 0;
    std::uint64_t faults = 0;
-   // How often each promise to end the process was kept.
+   // How often each promise of something else than std::bad_alloc was kept.
    std::map<std::string, std::uint64_t> promises;
 
    void add( const Tally& other ) {
@@ -193,12 +193,18 @@ void count( Tally& tally ) {
    ++tally.points;
    if( result->place.terminated ) {
       ++tally.terminated;
-      ++tally.promises[ fmt::format( "{}: {}", result->place.call, result->place.promise ) ];
+      ++tally.promises[ fmt::format( "terminate in {}: {}", result->place.call,
+                                     result->place.promise ) ];
       return;
    }
-   ++( result->answer == Answer::absorbed ? tally.absorbed
-       : result->answer == Answer::fatal  ? tally.fatal
-                                          : tally.badAlloc );
+   if( result->answer == Answer::badAlloc ) {
+      ++tally.badAlloc;
+      return;
+   }
+   const bool absorbed = result->answer == Answer::absorbed;
+   ++( absorbed ? tally.absorbed : tally.fatal );
+   ++tally.promises[ fmt::format( "{} in {}: {}", absorbed ? "absorbed" : "fatal",
+                                  result->place.failedCall, result->place.answered ) ];
 }
 
 Tally attack( const Scenario& scenario, std::uint64_t maxPoints ) {
@@ -270,7 +276,7 @@ int main( int argc, char** argv ) {
                }
             }
             for( const auto& [ promise, times ] : all.promises ) {
-               fmt::print( "ends the process {:>5} times, as promised: {}\n", times, promise );
+               fmt::print( "{:>5} times as promised, {}\n", times, promise );
             }
             const std::string figure =
                   fmt::format( "{} points in {} scenarios: {} bad_alloc, {} absorbed, {} fatal, {} "

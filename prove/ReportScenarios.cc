@@ -82,8 +82,9 @@ void snapshots( Trial& trial ) {
                          taken->subSchedulers().size() == 1 && taken->history() &&
                          !taken->history()->events.empty(),
                    "the snapshot lacks something" );
-   constexpr May invalid{ "a filter that finds no memory is invalid and says so", nullptr,
-                          nullptr };
+   constexpr May invalid{
+         "makes the filter invalid and is reported; so does one that finds no memory", nullptr,
+         nullptr };
    trial.call(
          "snapshot with a filter",
          [ & ] {
@@ -106,8 +107,8 @@ void textReport( Trial& trial ) {
          all.root->statsRenderTextForDebugToString( true, true, true, false ).stdString();
    const std::size_t wholeWithHistory =
          all.root->statsRenderTextForDebugToString( true, true, true, true ).size();
-   // The sort does without its buffer.
-   constexpr May sortsInPlace{ "the result is the same", nullptr, nullptr };
+   constexpr May sortsInPlace{ "a sort that finds no memory for its buffer gives the same text",
+                               nullptr, nullptr };
    std::string text;
    trial.call(
          "statsRenderTextForDebugToString",
@@ -130,7 +131,8 @@ void textReport( Trial& trial ) {
                                                                   String( "first.*" ) )
                                .stdString();
                },
-               { "a filter that finds no memory is invalid and reported", nullptr, nullptr } );
+               { "makes the filter invalid and is reported; so does one that finds no memory",
+                 nullptr, nullptr } );
    constexpr May streamFails{ "a stream keeps what is thrown into it as its bad bit", nullptr,
                               nullptr };
    std::ostringstream out;
@@ -265,8 +267,7 @@ void jsonAsynchronous( Trial& trial ) {
                                                      [ & ] { ++done; } );
                   requested = true;
                },
-               { "what is due is made active where there is no room for a timer", "Failed to",
-                 nullptr } );
+               { "what is due is made active where there is no room for a timer" } );
    Trial::require( ( fcntl( ends[ 1 ], F_GETFL ) & O_NONBLOCK ) != 0,
                    "a render under way writes to a blocking descriptor" );
    const auto turn = [ & ] {
@@ -274,9 +275,11 @@ void jsonAsynchronous( Trial& trial ) {
          all.loop.runUntilIdle();
       }
    };
-   trial.call( "the loop", turn,
-               { "a snapshot that fails says so, a document that fails ends too early", "event",
-                 nullptr } );
+   trial.call(
+         "the loop", turn,
+         { "a snapshot that finds no memory says so; a document that finds none ends too early",
+           "EvLoopBreak() Failed to add event|"
+           "LibeventFdControl::_armWrite() Failed to add event fd " } );
    const bool failed = trial.failedInLastCall();
    turn();
    Trial::require( done == 1, "the completion was not called once" );
@@ -293,7 +296,9 @@ void jsonAsynchronous( Trial& trial ) {
 // ---------------------------------------------------------------------------------------- filter
 
 void nameFilter( Trial& trial ) {
-   constexpr May invalid{ "one that finds no memory is invalid and reported", nullptr, nullptr };
+   constexpr May invalid{
+         "makes the filter invalid and is reported; so does one that finds no memory", nullptr,
+         nullptr };
    const String matching = longName( "first" );
    const String other = longName( "zero" );
    for( char const* pattern :

@@ -65,7 +65,6 @@ void debugHandlers( Trial& trial ) {
          "getDebugHandler",
          [ & ] { handler = Platform::getDebugHandler( longName( "handler" ), true ); }, ends );
    handler->enabledIs( 5, true );
-   // A line that finds no memory is dropped where it is laid out; what it says is made before that.
    trial.call( "QUARN_FMTRACE",
                [ & ] {
                   QUARN_FMTRACE(
@@ -75,7 +74,7 @@ void debugHandlers( Trial& trial ) {
                         250, std::string_view( "and grows, and grows, and grows, and grows" ) );
                },
                { "a line that finds no memory is dropped", nullptr,
-                 "an exception inside ends the process" } );
+                 "a trace whose text finds no memory ends the process" } );
    trial.call( "dumpDebugMsg",
                [ & ] { dumpDebugMsg( longName( "message" ), 5, *handler, __FILE__, function, 1 ); },
                { "never throws: a line that finds no memory is dropped", nullptr, nullptr } );
@@ -86,8 +85,8 @@ void debugHandlers( Trial& trial ) {
             text << longName( "streamed" );
             handler->dump( text, 5, __FILE__, function, 1 );
          },
-         { "throws nothing: a line that finds no memory is dropped, a stream keeps it as its bad "
-           "bit",
+         { "throws nothing: a line that finds no memory is dropped, and a stream keeps what is "
+           "thrown into it as its bad bit",
            nullptr, nullptr } );
    String thrown;
    trial.call( "fmthrow",
@@ -114,8 +113,8 @@ void debugHandlers( Trial& trial ) {
    trial.call(
          "Debuggable", [ & ] { const Debuggable debuggable( longName( "own" ), true ); }, ends );
    trial.invariantsAre( settings );
-   constexpr May environmentEnds{ "a value that the C library does not take is left out", nullptr,
-                                  "none lets an exception out; a failure ends the process",
+   constexpr May environmentEnds{ "a text that the environment finds no memory for is left out",
+                                  nullptr, "none lets an exception out; a failure ends the process",
                                   "the C library keeps every value of the environment" };
    trial.call(
          "setupQuarnDebug", [ & ] { Platform::setupQuarnDebug( "Prover*/3,Other/=2" ); },
@@ -296,7 +295,8 @@ void filesAndLocks( Trial& trial ) {
                   found =
                         node.isOpen() ? node.findFiles( String( "file" ) ) : std::vector<String>();
                },
-               { "a directory that cannot be opened is not open", nullptr, nullptr } );
+               { "a directory that cannot be opened is no error: the node is then not open",
+                 nullptr, nullptr } );
    Trial::require( found.size() == 1, "a file was not found" );
    std::optional<FileLock> lock;
    trial.call( "FileLock", [ & ] { lock.emplace( handler, String( deep ), String( "lock" ) ); } );
@@ -324,7 +324,8 @@ void processes( Trial& trial ) {
    const auto owner = Platform::getDebugHandler( String( "Prover" ), false );
    Platform::DebugHandler& handler = *owner;
    handler.enabledIs( 0, false );
-   constexpr May unread{ "an empty text for what cannot be read", nullptr, nullptr };
+   constexpr May unread{ "the readers give an empty text or 0 for what cannot be read", nullptr,
+                         nullptr };
    String text;
    trial.call(
          "readPidCmdline", [ & ] { text = Util::readPidCmdline( handler, getpid() ); }, unread );
@@ -341,14 +342,14 @@ void processes( Trial& trial ) {
    } );
    trial.call( "decodeMagic", [ & ] { Util::decodeMagic( 0x6d6167696374ul ); } );
    trial.call( "resolveSym", [ & ] { Util::resolveSym( handler, "no such symbol at all" ); },
-               { "null when there is none", "dlopen", nullptr } );
+               { "null when there is none", "dlopen() failed", nullptr } );
    int sd = -1;
    const String name = longName( std::to_string( getpid() ).c_str() );
    trial.call( "createAndBindSocket", [ & ] { sd = Util::createAndBindSocket( handler, name ); } );
    Trial::require( sd >= 0, "no socket" );
    close( sd );
    trial.call( "SYSTEM_MAX_SEND_BUFFER_SIZE", [ & ] { Util::SYSTEM_MAX_SEND_BUFFER_SIZE(); },
-               { "8 MiB where the system does not say", "unable to convert", nullptr } );
+               { "8 MiB where it does not say", "unable to convert string", nullptr } );
    trial.call( "dumpHex", [ & ] { text = dumpHex( name.data(), 20 ); } );
    Sensitive secret;
    const auto* bytes = reinterpret_cast<unsigned char const*>( name.data() );

@@ -32,13 +32,19 @@ String longName( char const* what ) {
    return String( std::string( what ) + " of a scenario whose memory runs out" );
 }
 
-// What a loop may answer: libevent reports its own want of memory by a result.
-constexpr May loopFails{ nullptr, "event", nullptr };
-// What is asked for at once needs no memory that it cannot do without.
-constexpr May asked{ "what is due is made active where there is no room for a timer", "event",
-                     nullptr };
+// libevent reports its own want of memory by a result.
+constexpr May timerFails{ nullptr, "LibeventTimerControl::setTimeout() Failed to add event fd -1: "
+                                   "Cannot allocate memory" };
+constexpr May watchFails{ nullptr, "LibeventFdControl::_armRead() Failed to add event fd |"
+                                   "LibeventFdControl::_armWrite() Failed to add event fd " };
+// A loop has a timer of its own, and what it runs may watch descriptors.
+constexpr May loopFails{ nullptr, "EvLoopBreak() Failed to add event|"
+                                  "LibeventFdControl::_armWrite() Failed to add event fd " };
+// What is asked for at once.
+constexpr May asked{ "what is due is made active where there is no room for a timer" };
 // What the record of a task that goes may come to.
-constexpr May recordLost{ "a record that finds no memory is left out", nullptr, nullptr };
+constexpr May recordLost{ "the first record of a name that finds no memory is left out", nullptr,
+                          nullptr };
 
 void goodRoot( const std::shared_ptr<TaskSchedulerRoot>& root ) {
    Trial::require( !root || root->checkForTest(), "queues, list and counts disagree" );
@@ -116,14 +122,11 @@ void runs( Trial& trial ) {
    Trial::require( plain % 3 == 0 && plain > 0, "a run was lost" );
    trial.call(
          "scheduleTask of a critical task", [ & ] { critical->scheduleTask(); }, asked );
-   trial.call(
-         "runCriticalPriorityTasks", [ & ] { root->runCriticalPriorityTasks(); }, loopFails );
+   trial.call( "runCriticalPriorityTasks", [ & ] { root->runCriticalPriorityTasks(); } );
    Trial::require( keen == 1, "a critical run was lost" );
-   trial.call(
-         "taskRunFromTest", [ & ] { task->taskRunFromTest(); }, loopFails );
+   trial.call( "taskRunFromTest", [ & ] { task->taskRunFromTest(); } );
    task->unscheduleTask();
-   trial.call(
-         "suspendedIs", [ & ] { root->suspendedIs( true ); }, loopFails );
+   trial.call( "suspendedIs", [ & ] { root->suspendedIs( true ); } );
    task->scheduleTask();
    trial.call(
          "the loop of a suspended root", [ & ] { loop.runUntilIdle(); }, loopFails );
@@ -172,13 +175,13 @@ void timerTasks( Trial& trial ) {
    }
    const double start = loop.now();
    trial.call(
-         "scheduleTaskDelay", [ & ] { tickers[ 0 ]->scheduleTaskDelay( 10.0 ); }, loopFails );
+         "scheduleTaskDelay", [ & ] { tickers[ 0 ]->scheduleTaskDelay( 10.0 ); }, timerFails );
    trial.call(
          "scheduleTaskJitterUp", [ & ] { tickers[ 1 ]->scheduleTaskJitterUp( 10.0, 50 ); },
-         loopFails );
+         timerFails );
    trial.call(
          "scheduleTaskLowestDelay", [ & ] { tickers[ 2 ]->scheduleTaskLowestDelay( 5.0 ); },
-         loopFails );
+         timerFails );
    for( const auto& ticker : tickers ) {
       Trial::require( ticker->taskScheduled(), "a timer does not run" );
    }
@@ -201,8 +204,7 @@ void timerTasks( Trial& trial ) {
 void timerWheel( Trial& trial ) {
    Quarn::Testing::VirtualTimeLoop loop;
    std::shared_ptr<TimerWheel> wheel;
-   trial.call( "getTimerWheel", [ & ] { wheel = getTimerWheel(); },
-               { nullptr, "Error code", nullptr } );
+   trial.call( "getTimerWheel", [ & ] { wheel = getTimerWheel(); } );
    constexpr unsigned timers = 12;
    OnWheel handler;
    std::vector<std::shared_ptr<Platform::TimerControl>> controls( timers );
@@ -213,7 +215,7 @@ void timerWheel( Trial& trial ) {
    for( unsigned i = 0; i < timers; ++i ) {
       trial.call(
             "setTimeout", [ & ] { controls[ i ]->setTimeout( 1.0 + 0.3 * ( i % 5 ) ); },
-            loopFails );
+            timerFails );
    }
    trial.call(
          "the loop in virtual time", [ & ] { loop.advance( 0.5 ); }, loopFails );
@@ -270,8 +272,6 @@ struct Listener : Platform::FdEventHandler {
    unsigned writes = 0;
 };
 
-constexpr May controlFails{ nullptr, "Failed to", nullptr };
-
 void descriptorTasks( Trial& trial ) {
    Quarn::Testing::VirtualTimeLoop loop;
    const std::shared_ptr<TaskSchedulerRoot> root = loop.root();
@@ -284,7 +284,7 @@ void descriptorTasks( Trial& trial ) {
    } );
    trial.call( "taskStatsNameIs", [ & ] { line->taskStatsNameIs( longName( "lines" ) ); } );
    trial.call(
-         "taskWatchFdIs", [ & ] { line->taskWatchFdIs( first.fds[ 0 ] ); }, controlFails );
+         "taskWatchFdIs", [ & ] { line->taskWatchFdIs( first.fds[ 0 ] ); }, watchFails );
    Trial::require( line->taskWatchFd() == first.fds[ 0 ], "watches another descriptor" );
    first.send();
    trial.call(
@@ -292,7 +292,7 @@ void descriptorTasks( Trial& trial ) {
    loop.runUntilIdle();
    Trial::require( line->bytes == 1, "a byte was not reported" );
    trial.call(
-         "taskWatchWritableIs", [ & ] { line->taskWatchWritableIs( true ); }, controlFails );
+         "taskWatchWritableIs", [ & ] { line->taskWatchWritableIs( true ); }, watchFails );
    Trial::require( line->taskWatchWritable(), "writes are not watched" );
    trial.call(
          "the loop that writes", [ & ] { loop.runUntilIdle(); }, loopFails );
@@ -300,7 +300,7 @@ void descriptorTasks( Trial& trial ) {
    Trial::require( line->writes == 1, "writability was not reported once" );
    trial.call(
          "taskWatchFdIs of another", [ & ] { line->taskWatchFdIs( second.fds[ 0 ] ); },
-         controlFails );
+         watchFails );
    second.send();
    trial.call(
          "the loop on another", [ & ] { loop.runUntilIdle(); }, loopFails );
@@ -348,13 +348,12 @@ void controls( Trial& trial ) {
                            : Platform::getCallbackControl( &callbacks );
       } );
       trial.call(
-            "setFd", [ & ] { fd->setFd( pair.fds[ 0 ] ); }, controlFails );
+            "setFd", [ & ] { fd->setFd( pair.fds[ 0 ] ); }, watchFails );
       trial.call(
-            "setWrites", [ & ] { fd->setWrites( true ); }, controlFails );
+            "setWrites", [ & ] { fd->setWrites( true ); }, watchFails );
       trial.call(
-            "setTimeout", [ & ] { timer->setTimeout( 2.0 ); }, controlFails );
-      trial.call(
-            "requestCallback", [ & ] { callback->requestCallback(); }, controlFails );
+            "setTimeout", [ & ] { timer->setTimeout( 2.0 ); }, timerFails );
+      trial.call( "requestCallback", [ & ] { callback->requestCallback(); } );
       pair.send();
       trial.call(
             "the loop", [ & ] { loop.advance( 3.0 ); }, loopFails );
@@ -415,8 +414,7 @@ void taskGroups( Trial& trial ) {
          "the loop", [ & ] { loop.runUntilIdle(); }, loopFails );
    loop.runUntilIdle();
    Trial::require( ran == 3, "a member's run was lost" );
-   trial.call(
-         "taskGroupSuspendedIs", [ & ] { outer->taskGroupSuspendedIs( true ); }, loopFails );
+   trial.call( "taskGroupSuspendedIs", [ & ] { outer->taskGroupSuspendedIs( true ); } );
    schedule();
    trial.call(
          "the loop of a suspended group", [ & ] { loop.runUntilIdle(); }, loopFails );
@@ -427,8 +425,7 @@ void taskGroups( Trial& trial ) {
    outer->taskGroupSuspendedIs( false );
    loop.runUntilIdle();
    Trial::require( ran == 6, "a member's run was lost under suspension" );
-   trial.call(
-         "taskGroupRunFromTest", [ & ] { inner->taskGroupRunFromTest(); }, loopFails );
+   trial.call( "taskGroupRunFromTest", [ & ] { inner->taskGroupRunFromTest(); } );
    loop.runUntilIdle();
    trial.call( "the end of forced yields",
                [ & ] { members[ 2 ]->taskForceYieldInTestIs( false ); } );
@@ -496,7 +493,8 @@ void statistics( Trial& trial ) {
 // ------------------------------------------------------------------------------------ the thread
 
 void eventBase( Trial& trial ) {
-   constexpr May noBase{ "libevent goes on without what it can do without", "event_base", nullptr };
+   constexpr May noBase{ "libevent goes on without what it can do without",
+                         "Failed to create event_base" };
    trial.call(
          "leInit", [ & ] { leInit(); }, noBase );
    Trial::require( leInitialized(), "the thread has no base" );
@@ -521,8 +519,9 @@ void eventBase( Trial& trial ) {
    doLeEventLoop( 1.0 );
    Trial::require( handler.fired == 2, "a timer was lost" );
    trial.call( "leForkReinit", [ & ] { leForkReinit(); },
-               { nullptr, "event",
-                 "a trace of what libevent says ends the process when its text finds no memory" } );
+               { nullptr, "fatalCallback() libevent fatal error:1",
+                 "a trace of what libevent says ends the process when its text finds no memory",
+                 nullptr, "the thread gives that base up, with what it has" } );
    trial.call( "leFree", [ & ] { leFree(); } );
    Trial::require( !leInitialized(), "the base is still there" );
    timer->delTimeout();

@@ -38,12 +38,14 @@ enum class Answer {
 struct May {
    // Return.
    char const* absorb = nullptr;
-   // End in a fatal assertion whose text holds this.
+   // End in a fatal assertion whose text holds this, or one of these between bars.
    char const* fatal = nullptr;
    // End the process.
    char const* terminate = nullptr;
    // Keep memory that it has got; why.
    char const* keep = nullptr;
+   // The same, and only with a fatal assertion.
+   char const* keepWhenFatal = nullptr;
 };
 
 class Trial {
@@ -53,7 +55,10 @@ class Trial {
       char call[ 120 ];
       // The call that the failure was met in.
       char failedCall[ 120 ];
-      char promise[ 120 ];
+      // What the header says of the way in which the failure was answered, unless by
+      // std::bad_alloc; and of the end of the process, which the present call may be.
+      char answered[ 200 ];
+      char promise[ 200 ];
       bool mayTerminate;
       bool mayKeep;
       bool terminated;
@@ -77,7 +82,7 @@ class Trial {
       }
       // One failure is what a trial is about.
       memory::failNoMore();
-      _failed();
+      _failed( answer, may );
       answer_ = answer;
       failedHere_ = true;
       if( invariants_ ) {
@@ -104,7 +109,7 @@ class Trial {
 
  private:
    void _enters( char const* name, const May& may );
-   void _failed();
+   void _failed( Answer answer, const May& may );
    Answer _judge( const std::exception& e, const May& may ) const;
 
    template<typename Body>
@@ -144,7 +149,6 @@ class Trial {
    std::function<void()> invariants_;
    Answer answer_ = Answer::none;
    bool failedHere_ = false;
-   bool mayKeep_ = false;
 };
 
 // A scenario, and the words for it in reports.
