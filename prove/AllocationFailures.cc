@@ -142,8 +142,8 @@ std::string verdict( int status, std::int64_t blocksWithoutFailure ) {
       result->hit = true;
       std::snprintf(
             result->place.promise, sizeof( result->place.promise ),
-            "the first use that a thread makes notes its end with the C library, which ends "
-            "the process when it finds no memory for that" );
+            "note the end of the thread with the C library, which ends the process when it finds "
+            "no memory for that" );
       return {};
    }
    if( WIFSIGNALED( status ) ) {

@@ -82,9 +82,9 @@ void snapshots( Trial& trial ) {
                          taken->subSchedulers().size() == 1 && taken->history() &&
                          !taken->history()->events.empty(),
                    "the snapshot lacks something" );
-   constexpr May invalid{
-         "makes the filter invalid and is reported; so does one that finds no memory", nullptr,
-         nullptr };
+   constexpr May invalid{ "makes the filter invalid and is reported on standard error. So does one "
+                          "that finds no memory",
+                          nullptr, nullptr };
    trial.call(
          "snapshot with a filter",
          [ & ] {
@@ -131,7 +131,8 @@ void textReport( Trial& trial ) {
                                                                   String( "first.*" ) )
                                .stdString();
                },
-               { "makes the filter invalid and is reported; so does one that finds no memory",
+               { "makes the filter invalid and is reported on standard error. So does one that "
+                 "finds no memory",
                  nullptr, nullptr } );
    constexpr May streamFails{ "a stream keeps what is thrown into it as its bad bit", nullptr,
                               nullptr };
@@ -155,11 +156,13 @@ void textReport( Trial& trial ) {
                   }
                   all.root->statsRenderTextForDebug( fd, true, true, true, false );
                },
-               { "what the descriptor does not take is lost without a word", nullptr, nullptr } );
+               { "what a descriptor or standard error does not take is lost without a word",
+                 nullptr, nullptr } );
    Trial::require( contentOf( fd ) == whole, "the descriptor has another text" );
    trial.call( "historyRenderTextForDebug onto a descriptor",
                [ & ] { all.root->historyRenderTextForDebug( fd ); },
-               { "what the descriptor does not take is lost without a word", nullptr, nullptr } );
+               { "what a descriptor or standard error does not take is lost without a word",
+                 nullptr, nullptr } );
    close( fd );
 }
 
@@ -189,8 +192,7 @@ void jsonReport( Trial& trial ) {
    Populated all;
    const std::string whole = all.root->statsRenderJsonToString( true, true, true ).stdString();
    // An inner failure is told in the document, which is whole all the same.
-   constexpr May told{ "the object of what failed has the one member \"generalError\"", nullptr,
-                       nullptr };
+   constexpr May told{ "the object has the one member \"generalError\" instead", nullptr, nullptr };
    std::string text;
    trial.call(
          "statsRenderJsonToString",
@@ -296,9 +298,9 @@ void jsonAsynchronous( Trial& trial ) {
 // ---------------------------------------------------------------------------------------- filter
 
 void nameFilter( Trial& trial ) {
-   constexpr May invalid{
-         "makes the filter invalid and is reported; so does one that finds no memory", nullptr,
-         nullptr };
+   constexpr May invalid{ "makes the filter invalid and is reported on standard error. So does one "
+                          "that finds no memory",
+                          nullptr, nullptr };
    const String matching = longName( "first" );
    const String other = longName( "zero" );
    for( char const* pattern :

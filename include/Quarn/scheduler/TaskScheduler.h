@@ -261,8 +261,8 @@ class ORUQUARN_API TaskScheduler : public std::enable_shared_from_this<TaskSched
    //            is not called. With a root of one's own, keep turning the loop until `done`.
    // Errors:    fatal when the descriptor's flags cannot be read or set, and for a null snapshot;
    //            what `done` throws leaves the scheduler's run, with everything released. A snapshot
-   //            that finds no memory says so (`TaskSchedulerSnapshot::renderJson`); a document that
-   //            finds none ends too early.
+   //            that finds no memory says so; a document that finds none ends too early
+   //            (`TaskSchedulerSnapshot::renderJson`).
    void
    snapshotRenderJsonAsync( int fd,
                             std::vector<std::shared_ptr<const TaskSchedulerSnapshot>> snapshots,
