@@ -101,15 +101,17 @@ def look_through(project, command):
 
 
 def findings(said):
-    """Pairs of what makes a finding the same and its lines."""
-    found = []
+    """Pairs of what makes a finding the same and its lines; none of the system's headers."""
+    found, ours = [], False
     for line in said.splitlines():
         head = HEAD.match(line)
         if head:
-            name = os.path.relpath(head["file"], ROOT)
-            key = name, int(head["line"]), head["check"]
-            found.append((key, [line.replace(head["file"], name, 1)]))
-        elif found:
+            ours = Path(head["file"]).is_relative_to(ROOT)
+            if ours:
+                name = os.path.relpath(head["file"], ROOT)
+                key = name, int(head["line"]), head["check"]
+                found.append((key, [line.replace(head["file"], name, 1)]))
+        elif ours:
             found[-1][1].append(line)
     return found
 

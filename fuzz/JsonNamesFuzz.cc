@@ -84,21 +84,21 @@ std::string shown( std::string_view text ) {
 }
 
 // A value of a document; of a number the text, as it stands there.
-struct Value {
+struct JsonValue {
    enum Kind { object, array, string, number, word };
 
    Kind kind = word;
    std::string text{};
    // Of an array without names.
-   std::vector<std::pair<std::string, Value>> members{};
+   std::vector<std::pair<std::string, JsonValue>> members{};
 };
 
 // Reads compact documents, and ends the process at anything that is none.
 class Parser {
  public:
-   static Value parsed( std::string_view text ) {
+   static JsonValue parsed( std::string_view text ) {
       Parser parser( text );
-      Value value = parser._value();
+      JsonValue value = parser._value();
       FUZZ_REQUIRE( parser.text_.empty() );
       return value;
    }
@@ -115,37 +115,37 @@ class Parser {
       text_.remove_prefix( there ? 1 : 0 );
       return there;
    }
-   Value _value();
-   Value _list( Value::Kind kind, char end );
+   JsonValue _value();
+   JsonValue _list( JsonValue::Kind kind, char end );
    std::string _string();
    std::string _number();
 
    std::string_view text_;
 };
 
-Value Parser::_value() {
+JsonValue Parser::_value() {
    for( const std::string_view word : { "true", "false", "null" } ) {
       if( text_.starts_with( word ) ) {
          text_.remove_prefix( word.size() );
-         return { .kind = Value::word, .text = std::string( word ) };
+         return { .kind = JsonValue::word, .text = std::string( word ) };
       }
    }
    if( _takes( '{' ) ) {
-      return _list( Value::object, '}' );
+      return _list( JsonValue::object, '}' );
    }
    if( _takes( '[' ) ) {
-      return _list( Value::array, ']' );
+      return _list( JsonValue::array, ']' );
    }
-   return _next() == '"' ? Value{ .kind = Value::string, .text = _string() }
-                         : Value{ .kind = Value::number, .text = _number() };
+   return _next() == '"' ? JsonValue{ .kind = JsonValue::string, .text = _string() }
+                         : JsonValue{ .kind = JsonValue::number, .text = _number() };
 }
 
-Value Parser::_list( Value::Kind kind, char end ) {
-   Value list{ .kind = kind };
+JsonValue Parser::_list( JsonValue::Kind kind, char end ) {
+   JsonValue list{ .kind = kind };
    while( !_takes( end ) ) {
       FUZZ_REQUIRE( list.members.empty() || _takes( ',' ) );
       std::string name;
-      if( kind == Value::object ) {
+      if( kind == JsonValue::object ) {
          name = _string();
          FUZZ_REQUIRE( _takes( ':' ) );
       }
@@ -210,52 +210,54 @@ std::string Parser::_number() {
 }
 
 template<typename Number>
-bool isNumber( const Value& value, Number expected ) {
+bool isNumber( const JsonValue& value, Number expected ) {
    Number number{};
    char const* const end = value.text.data() + value.text.size();
    const auto read = std::from_chars( value.text.data(), end, number );
-   return value.kind == Value::number && read.ec == std::errc() && read.ptr == end &&
+   return value.kind == JsonValue::number && read.ec == std::errc() && read.ptr == end &&
           number == expected;
 }
 
 // Takes the members of an object one after the other, in the order of the text; none may be left.
 class Members {
  public:
-   explicit Members( const Value& object ) : members_( object.members ) {
-      FUZZ_REQUIRE( object.kind == Value::object );
+   explicit Members( const JsonValue& object ) : members_( object.members ) {
+      FUZZ_REQUIRE( object.kind == JsonValue::object );
    }
    ~Members() { FUZZ_REQUIRE( at_ == members_.size() ); }
    Members( const Members& ) = delete;
    Members& operator=( const Members& ) = delete;
 
-   const Value& take( std::string_view name ) {
+   const JsonValue& take( std::string_view name ) {
       FUZZ_REQUIRE( at_ < members_.size() );
       FUZZ_REQUIRE( members_[ at_ ].first == name );
       return members_[ at_++ ].second;
    }
    void text( std::string_view name, std::string_view expected ) {
-      const Value& value = take( name );
-      FUZZ_REQUIRE( value.kind == Value::string && value.text == shown( expected ) );
+      const JsonValue& value = take( name );
+      FUZZ_REQUIRE( value.kind == JsonValue::string && value.text == shown( expected ) );
    }
    void number( std::string_view name, std::uint64_t expected ) {
       FUZZ_REQUIRE( isNumber( take( name ), expected ) );
    }
    // The double that is printed is the one that is read.
    void real( std::string_view name, double expected ) {
-      const Value& value = take( name );
-      FUZZ_REQUIRE( std::isfinite( expected ) ? isNumber( value, expected )
-                                              : value.kind == Value::word && value.text == "null" );
+      const JsonValue& value = take( name );
+      FUZZ_REQUIRE( std::isfinite( expected )
+                          ? isNumber( value, expected )
+                          : value.kind == JsonValue::word && value.text == "null" );
    }
    void seconds( std::string_view name, nanoseconds expected ) {
       real( name, static_cast<double>( expected.count() ) / 1e9 );
    }
    void boolean( std::string_view name, bool expected ) {
-      const Value& value = take( name );
-      FUZZ_REQUIRE( value.kind == Value::word && value.text == ( expected ? "true" : "false" ) );
+      const JsonValue& value = take( name );
+      FUZZ_REQUIRE( value.kind == JsonValue::word &&
+                    value.text == ( expected ? "true" : "false" ) );
    }
 
  private:
-   const std::vector<std::pair<std::string, Value>>& members_;
+   const std::vector<std::pair<std::string, JsonValue>>& members_;
    std::size_t at_ = 0;
 };
 
@@ -263,7 +265,7 @@ std::uint64_t countOf( TaskStat::time_point when ) {
    return static_cast<std::uint64_t>( when.time_since_epoch().count() );
 }
 
-void compareTask( const Value& value, const TaskStat& stat, bool completed ) {
+void compareTask( const JsonValue& value, const TaskStat& stat, bool completed ) {
    const TaskStat::TaskStatus status = stat.taskStatus();
    Members members( value );
    members.text( "name", stat.taskName() );
@@ -304,7 +306,7 @@ void compareTask( const Value& value, const TaskStat& stat, bool completed ) {
    }
 }
 
-void compareTasks( const Value& value, const BasicVector<TaskStat>& stats, unsigned skipped,
+void compareTasks( const JsonValue& value, const BasicVector<TaskStat>& stats, unsigned skipped,
                    bool completed ) {
    // The longest total run time first, else as they were.
    std::vector<TaskStat const*> order;
@@ -314,20 +316,21 @@ void compareTasks( const Value& value, const BasicVector<TaskStat>& stats, unsig
    std::ranges::stable_sort( order, std::greater(),
                              []( TaskStat const* stat ) { return stat->taskTotalRunTime(); } );
    Members members( value );
-   const Value& tasks = members.take( "tasks" );
-   FUZZ_REQUIRE( tasks.kind == Value::array && tasks.members.size() == order.size() );
+   const JsonValue& tasks = members.take( "tasks" );
+   FUZZ_REQUIRE( tasks.kind == JsonValue::array && tasks.members.size() == order.size() );
    for( std::size_t n = 0; n < order.size(); ++n ) {
       compareTask( tasks.members[ n ].second, *order[ n ], completed );
    }
    members.number( "skipped", skipped );
 }
 
-void compareHistory( const Value& value, const TaskSchedulerSnapshot::History& history ) {
+void compareHistory( const JsonValue& value, const TaskSchedulerSnapshot::History& history ) {
    Members members( value );
    members.number( "historyEntryCount", history.capacity );
    members.number( "historyEventCount", history.events.size() );
-   const Value& events = members.take( "history" );
-   FUZZ_REQUIRE( events.kind == Value::array && events.members.size() == history.events.size() );
+   const JsonValue& events = members.take( "history" );
+   FUZZ_REQUIRE( events.kind == JsonValue::array &&
+                 events.members.size() == history.events.size() );
    for( std::size_t n = 0; n < history.events.size(); ++n ) {
       const TaskSchedulerHistory::Event& expected = history.events[ n ];
       Members event( events.members[ n ].second );
@@ -337,7 +340,7 @@ void compareHistory( const Value& value, const TaskSchedulerSnapshot::History& h
    }
 }
 
-void compare( const Value& value, const TaskSchedulerSnapshot& shot ) {
+void compare( const JsonValue& value, const TaskSchedulerSnapshot& shot ) {
    Members members( value );
    members.text( "schedulerName", shot.schedulerName() );
    if( shot.displayOrder() != TaskSchedulerSnapshot::noDisplayOrder ) {
@@ -664,7 +667,7 @@ int LLVMFuzzerTestOneInput( const std::uint8_t* data, std::size_t size ) {
    context->closeJson();
    const std::string text = out.str();
 
-   const Value document = Parser::parsed( text );
+   const JsonValue document = Parser::parsed( text );
    {
       Members top( document );
       Members schedulers( top.take( "schedulers" ) );

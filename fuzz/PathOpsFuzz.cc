@@ -561,7 +561,8 @@ std::string Play::_name() {
 
 Node& Play::_any() {
    const std::vector<Node*> all = tree_.all();
-   return *all[ input_.byte() % all.size() ];
+   Node* const chosen = all[ input_.byte() % all.size() ];
+   return *chosen;
 }
 
 Node& Play::_anyOf( Node::Kind kind ) {

@@ -242,18 +242,8 @@ TEST( ClientForkTest, OutputThatDoesNotBlockGetsAllOfAReport ) {
 // The client on a terminal of its own, of four lines.
 class OnTerminal {
  public:
-   explicit OnTerminal( const std::string& name, char const* seconds ) {
-      int terminal = -1;
-      winsize size{ 4, 80, 0, 0 };
-      pid_ = forkpty( &terminal, nullptr, nullptr, &size );
-      if( pid_ == 0 ) {
-         setenv( "TERM", "xterm", 1 );
-         unsetenv( "NO_COLOR" );
-         execl( SHOW_PROGRAM, SHOW_PROGRAM, name.c_str(), "--watch", seconds, nullptr );
-         _exit( 127 );
-      }
-      terminal_ = Show::Descriptor( terminal );
-   }
+   OnTerminal( const std::string& name, char const* seconds )
+         : pid_( _start( name, seconds, terminal_ ) ) {}
 
    pid_t pid() const { return pid_; }
    int terminal() const { return terminal_.get(); }
@@ -279,8 +269,23 @@ class OnTerminal {
    }
 
  private:
-   pid_t pid_ = -1;
+   static pid_t _start( const std::string& name, char const* seconds, Show::Descriptor& terminal ) {
+      int fd = -1;
+      winsize size{ 4, 80, 0, 0 };
+      const pid_t pid = forkpty( &fd, nullptr, nullptr, &size );
+      if( pid == 0 ) {
+         setenv( "TERM", "xterm", 1 );
+         unsetenv( "NO_COLOR" );
+         execl( SHOW_PROGRAM, SHOW_PROGRAM, name.c_str(), "--watch", seconds, nullptr );
+         _exit( 127 );
+      }
+      terminal = Show::Descriptor( fd );
+      return pid;
+   }
+
+   // Before the process, which it is made with.
    Show::Descriptor terminal_;
+   pid_t pid_;
 };
 
 constexpr std::string_view drawn = "\x1b[J";
