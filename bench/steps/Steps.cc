@@ -256,6 +256,7 @@ std::array<Medians, steps.size()> measured() {
       Subject subject( shapes[ shape ] );
       for( std::size_t step = 0; step < steps.size(); ++step ) {
          std::vector<double> times;
+         times.reserve( rounds );
          for( int round = 0; round < rounds; ++round ) {
             times.push_back( inMilliseconds( steps[ step ].take( subject ) ) );
          }

@@ -551,6 +551,10 @@ TEST_F( TimerTaskTest, Traces ) {
    t->scheduleTask();
    t->scheduleTaskLowestDelay( 1.0 );
    t->stopTimerTask();
+   seedOf( *root ) = seedOfStep100;
+   t->scheduleTaskJitterDown( std::chrono::seconds( 100 ), 50 );
+   seedOf( *root ) = seedOfStep100;
+   t->scheduleTaskJitterUp( std::chrono::seconds( 100 ), 50 );
    handler->enabledIs( 8, false );
    handler->enabledIs( 9, false );
    const std::string text = capture.text();
@@ -564,7 +568,9 @@ TEST_F( TimerTaskTest, Traces ) {
           "Timer already running t expire 1750000050\n",
           "TaskScheduler/9 TimerTask::stopTimerTask() "
           "Timer stopped t, was running\n",
-          "Already on runQueue t\n", "Timer stopped t, was not running\n" } ) {
+          "Already on runQueue t\n", "Timer stopped t, was not running\n",
+          "Timer jitterDown t delay 100s - 50000ms = 50000ms\n",
+          "Timer jitterUp t delay 100s + 50000ms = 150s\n" } ) {
       const std::size_t found = text.find( line, at );
       EXPECT_NE( found, std::string::npos ) << line << "in\n" << text;
       at = found == std::string::npos ? at : found;
