@@ -28,7 +28,8 @@ FileDescriptor::FileDescriptor( Quarn::Platform::FdEventHandler* handler ) : han
 }
 
 FileDescriptor::~FileDescriptor() {
-   QUARN_TRACE_AS( oruQuarnHandler, 5, "FileDescriptor", "orphan", "fd:{}", getFd() );
+   QUARN_TRACE_AS( oruQuarnHandler, 5, "FileDescriptor", "orphan", "fd:{}",
+                   descriptor_->descriptor() );
    // Before all else, so that no notification finds a control that is half gone.
    notifiee_->owner_ = nullptr;
    FileDescriptor::delFd();
@@ -60,13 +61,13 @@ void FileDescriptor::setFd( int fd ) {
 }
 
 void FileDescriptor::clearEvents() {
-   QUARN_TRACE( oruQuarnHandler, 5, "FileDescriptor", "fd:{}", getFd() );
+   QUARN_TRACE( oruQuarnHandler, 5, "FileDescriptor", "fd:{}", descriptor_->descriptor() );
    descriptor_->descriptorIs( -1 );
 }
 
 void FileDescriptor::delFd() {
-   QUARN_TRACE( oruQuarnHandler, 5, "FileDescriptor", "deleting fd:{}", getFd() );
-   clearEvents();
+   QUARN_TRACE( oruQuarnHandler, 5, "FileDescriptor", "deleting fd:{}", descriptor_->descriptor() );
+   FileDescriptor::clearEvents();
 }
 
 int FileDescriptor::getFd() const { return descriptor_->descriptor(); }

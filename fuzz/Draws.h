@@ -45,7 +45,7 @@ class Draws {
 
    // The next so many, or those that are left.
    std::string bytes( std::size_t count ) {
-      const std::string taken( bytes_.substr( 0, count ) );
+      std::string taken( bytes_.substr( 0, count ) );
       bytes_.remove_prefix( taken.size() );
       return taken;
    }

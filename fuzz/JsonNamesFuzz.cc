@@ -289,7 +289,7 @@ void compareTask( const JsonValue& value, const TaskStat& stat, bool completed )
    members.number( "qv200", stat.taskQuantumViolation200() );
    members.number( "qv500", stat.taskQuantumViolation500() );
    const double longest = static_cast<double>( stat.taskRunTimeHighWaterMark().count() ) / 1e9;
-   members.number( "maxMs", static_cast<std::uint64_t>( longest * 1000 + 0.5 ) );
+   members.number( "maxMs", static_cast<std::uint64_t>( std::floor( longest * 1000 + 0.5 ) ) );
    if( completed ) {
       members.number( "completedCount", stat.taskCompletedCount() );
    }

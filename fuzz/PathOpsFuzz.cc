@@ -984,7 +984,7 @@ void Play::_step( char letter ) {
       break;
    }
    case 'T':
-      _truncate( input_.byte() * 17u );
+      _truncate( std::size_t{ 17 } * input_.byte() );
       break;
    case 'g':
       _getCwd();
