@@ -137,7 +137,7 @@ bool TaskScheduler::SnapshotWriteJsonTask::_writeFailed( int error ) {
       }
       SnapshotWriteJsonTask& task;
    };
-   const Completion completion{ *this };
+   [[maybe_unused]] const Completion completion{ *this };
    QUARN_STREAM_FAIL_AS( "taskExecuteWritable", "Write to fd " << fd << " failed "
                                                                << strerror( error ) << "(" << error
                                                                << ")" );

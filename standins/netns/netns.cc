@@ -53,7 +53,7 @@ int setnsByName( char const* name, int nstype ) {
    std::snprintf( path, sizeof( path ), "%s%s", namedNamespaces, name );
    int fd = open( path, O_RDONLY | O_CLOEXEC );
    if( fd < 0 && errno == ENOENT && std::strcmp( name, DEFAULT_NS ) == 0 ) {
-      std::strcpy( path, namespaceOfProcess1 );
+      std::snprintf( path, sizeof( path ), "%s", namespaceOfProcess1 );
       fd = open( path, O_RDONLY | O_CLOEXEC );
    }
    if( fd < 0 ) {

@@ -48,12 +48,14 @@ timespec timespecOf( double seconds ) {
 // Puts the clock forward by about that much. A step may be lost beside the sum that it goes into;
 // it grows until the time moves, or the loop would ask for it for ever.
 void skip( double now, double seconds ) {
-   for( double step = seconds; step < infinity; step *= 2 ) {
+   double step = seconds;
+   while( step < infinity ) {
       virtualTimeOffset.store( virtualTimeOffset.load( std::memory_order_relaxed ) + step,
                                std::memory_order_relaxed );
       if( System::currentTime() > now ) {
          return;
       }
+      step *= 2;
    }
 }
 

@@ -77,9 +77,9 @@ std::uint64_t bitsBelow( unsigned number ) { return bit( number ) - 1; }
 
 unsigned lowestBit( std::uint64_t bits ) { return unsigned( std::countr_zero( bits ) ); }
 
-// The level of the highest group in which two different ticks differ.
+// The level of the highest group in which two ticks differ; the lowest of equal ones.
 unsigned levelOf( timeout_t a, timeout_t b ) {
-   return ( unsigned( std::bit_width( a ^ b ) ) - 1 ) / groupBits;
+   return ( unsigned( std::bit_width( ( a ^ b ) | 1 ) ) - 1 ) / groupBits;
 }
 
 unsigned slotOf( timeout_t tick, unsigned level ) {
