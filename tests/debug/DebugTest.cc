@@ -22,7 +22,6 @@ namespace {
 using namespace Quarn;
 using namespace Quarn::Platform;
 using testing::HasSubstr;
-using testing::Not;
 using testing_support::TraceCapture;
 
 TEST( DebugTest, TraceTextFollowsTheClassArgument ) {

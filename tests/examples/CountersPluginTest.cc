@@ -45,6 +45,7 @@ TEST( CountersPluginTest, ConcurrentCallersOfANameGetOneCounter ) {
    ASSERT_NE( dlopen( COUNTERS_PLUGIN, RTLD_NOW | RTLD_GLOBAL ), nullptr ) << dlerror();
    std::vector<unsigned long*> found( 4 );
    std::vector<std::thread> threads;
+   threads.reserve( found.size() );
    for( unsigned long*& at : found ) {
       threads.emplace_back( [ &at ] {
          unsigned long own = 0;

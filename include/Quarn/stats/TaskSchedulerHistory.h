@@ -21,7 +21,7 @@
 
 namespace Quarn {
 
-class _TaskBase;
+class _TaskBase; // NOLINT(bugprone-reserved-identifier): part of the interface
 class TaskNameRegex;
 class TaskScheduler;
 
