@@ -185,24 +185,12 @@ class AsioRequests final : public Requests {
    Loop loop_;
 };
 
-class Asio final : public Peer {
+class Asio final : public PeerOf<AsioTurns, AsioTimers, AsioPlayers, AsioRequests> {
  public:
    char const* name() const override { return "Asio"; }
    std::string version() const override {
       return fmt::format( "Boost.Asio {}.{}.{}", BOOST_VERSION / 100000, BOOST_VERSION / 100 % 1000,
                           BOOST_VERSION % 100 );
-   }
-   std::unique_ptr<Turns> turns( std::size_t waiting ) const override {
-      return std::make_unique<AsioTurns>( waiting );
-   }
-   std::unique_ptr<Timers> timers( const Draws& draws ) const override {
-      return std::make_unique<AsioTimers>( draws );
-   }
-   std::unique_ptr<Players> players( Game& game, Look look ) const override {
-      return std::make_unique<AsioPlayers>( game, look );
-   }
-   std::unique_ptr<Requests> requests( std::size_t count ) const override {
-      return std::make_unique<AsioRequests>( count );
    }
 };
 

@@ -155,22 +155,10 @@ class FloorRequests final : public Requests {
    std::vector<event> events_;
 };
 
-class Floor final : public Peer {
+class Floor final : public PeerOf<FloorTurns, FloorTimers, FloorPlayers, FloorRequests> {
  public:
    char const* name() const override { return "floor"; }
    std::string version() const override { return std::string( "libevent " ) + event_get_version(); }
-   std::unique_ptr<Turns> turns( std::size_t waiting ) const override {
-      return std::make_unique<FloorTurns>( waiting );
-   }
-   std::unique_ptr<Timers> timers( const Draws& draws ) const override {
-      return std::make_unique<FloorTimers>( draws );
-   }
-   std::unique_ptr<Players> players( Game& game, Look look ) const override {
-      return std::make_unique<FloorPlayers>( game, look );
-   }
-   std::unique_ptr<Requests> requests( std::size_t count ) const override {
-      return std::make_unique<FloorRequests>( count );
-   }
 };
 
 } // namespace

@@ -209,24 +209,12 @@ class GlibRequests final : public Requests {
    Loop loop_;
 };
 
-class Glib final : public Peer {
+class Glib final : public PeerOf<GlibTurns, GlibTimers, GlibPlayers, GlibRequests> {
  public:
    char const* name() const override { return "GLib"; }
    std::string version() const override {
       return fmt::format( "GLib {}.{}.{}", glib_major_version, glib_minor_version,
                           glib_micro_version );
-   }
-   std::unique_ptr<Turns> turns( std::size_t waiting ) const override {
-      return std::make_unique<GlibTurns>( waiting );
-   }
-   std::unique_ptr<Timers> timers( const Draws& draws ) const override {
-      return std::make_unique<GlibTimers>( draws );
-   }
-   std::unique_ptr<Players> players( Game& game, Look look ) const override {
-      return std::make_unique<GlibPlayers>( game, look );
-   }
-   std::unique_ptr<Requests> requests( std::size_t count ) const override {
-      return std::make_unique<GlibRequests>( count );
    }
 };
 

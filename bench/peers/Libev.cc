@@ -218,23 +218,11 @@ class EvRequests final : public Requests {
    std::vector<ev_idle> idles_;
 };
 
-class Libev final : public Peer {
+class Libev final : public PeerOf<EvTurns, EvTimers, EvPlayers, EvRequests> {
  public:
    char const* name() const override { return "libev"; }
    std::string version() const override {
       return fmt::format( "libev {}.{}", ev.versionMajor(), ev.versionMinor() );
-   }
-   std::unique_ptr<Turns> turns( std::size_t waiting ) const override {
-      return std::make_unique<EvTurns>( waiting );
-   }
-   std::unique_ptr<Timers> timers( const Draws& draws ) const override {
-      return std::make_unique<EvTimers>( draws );
-   }
-   std::unique_ptr<Players> players( Game& game, Look look ) const override {
-      return std::make_unique<EvPlayers>( game, look );
-   }
-   std::unique_ptr<Requests> requests( std::size_t count ) const override {
-      return std::make_unique<EvRequests>( count );
    }
 };
 

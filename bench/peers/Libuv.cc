@@ -165,22 +165,10 @@ class UvRequests final : public Requests {
    std::vector<uv_idle_t> idles_;
 };
 
-class Libuv final : public Peer {
+class Libuv final : public PeerOf<UvTurns, UvTimers, UvPlayers, UvRequests> {
  public:
    char const* name() const override { return "libuv"; }
    std::string version() const override { return std::string( "libuv " ) + uv_version_string(); }
-   std::unique_ptr<Turns> turns( std::size_t waiting ) const override {
-      return std::make_unique<UvTurns>( waiting );
-   }
-   std::unique_ptr<Timers> timers( const Draws& draws ) const override {
-      return std::make_unique<UvTimers>( draws );
-   }
-   std::unique_ptr<Players> players( Game& game, Look look ) const override {
-      return std::make_unique<UvPlayers>( game, look );
-   }
-   std::unique_ptr<Requests> requests( std::size_t count ) const override {
-      return std::make_unique<UvRequests>( count );
-   }
 };
 
 } // namespace

@@ -170,23 +170,11 @@ class OurRequests final : public Requests {
    std::vector<std::shared_ptr<IdleTask>> tasks_;
 };
 
-class Ours final : public Peer {
+class Ours final : public PeerOf<OurTurns, OurTimers, OurPlayers, OurRequests> {
  public:
    char const* name() const override { return "ours"; }
    std::string version() const override { return {}; }
-   std::unique_ptr<Turns> turns( std::size_t waiting ) const override {
-      return std::make_unique<OurTurns>( waiting );
-   }
-   std::unique_ptr<Timers> timers( const Draws& draws ) const override {
-      return std::make_unique<OurTimers>( draws );
-   }
    // One task runs after each look, always.
-   std::unique_ptr<Players> players( Game& game, Look ) const override {
-      return std::make_unique<OurPlayers>( game );
-   }
-   std::unique_ptr<Requests> requests( std::size_t count ) const override {
-      return std::make_unique<OurRequests>( count );
-   }
 };
 
 } // namespace

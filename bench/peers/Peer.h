@@ -17,6 +17,7 @@
 #include <memory>
 #include <span>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 namespace bench::peers {
@@ -90,6 +91,28 @@ class Peer {
    virtual std::unique_ptr<Timers> timers( const Draws& draws ) const = 0;
    virtual std::unique_ptr<Players> players( Game& game, Look look ) const = 0;
    virtual std::unique_ptr<Requests> requests( std::size_t count ) const = 0;
+};
+
+// A peer that makes these. Players that have but one way to look are made of the game alone.
+template<typename ItsTurns, typename ItsTimers, typename ItsPlayers, typename ItsRequests>
+class PeerOf : public Peer {
+ public:
+   std::unique_ptr<Turns> turns( std::size_t waiting ) const final {
+      return std::make_unique<ItsTurns>( waiting );
+   }
+   std::unique_ptr<Timers> timers( const Draws& draws ) const final {
+      return std::make_unique<ItsTimers>( draws );
+   }
+   std::unique_ptr<Players> players( Game& game, [[maybe_unused]] Look look ) const final {
+      if constexpr( std::is_constructible_v<ItsPlayers, Game&, Look> ) {
+         return std::make_unique<ItsPlayers>( game, look );
+      } else {
+         return std::make_unique<ItsPlayers>( game );
+      }
+   }
+   std::unique_ptr<Requests> requests( std::size_t count ) const final {
+      return std::make_unique<ItsRequests>( count );
+   }
 };
 
 const Peer& ours();

@@ -186,22 +186,10 @@ class SdRequests final : public Requests {
    std::size_t left_ = 0;
 };
 
-class SdEvent final : public Peer {
+class SdEvent final : public PeerOf<SdTurns, SdTimers, SdPlayers, SdRequests> {
  public:
    char const* name() const override { return "sd-event"; }
    std::string version() const override { return "systemd " ORUQUARN_SYSTEMD_VERSION; }
-   std::unique_ptr<Turns> turns( std::size_t waiting ) const override {
-      return std::make_unique<SdTurns>( waiting );
-   }
-   std::unique_ptr<Timers> timers( const Draws& draws ) const override {
-      return std::make_unique<SdTimers>( draws );
-   }
-   std::unique_ptr<Players> players( Game& game, Look ) const override {
-      return std::make_unique<SdPlayers>( game );
-   }
-   std::unique_ptr<Requests> requests( std::size_t count ) const override {
-      return std::make_unique<SdRequests>( count );
-   }
 };
 
 } // namespace
