@@ -2,17 +2,12 @@
 
 #pragma once
 
-#include "prove/Row.h"
-
 #include <Quarn/base/ThreadControl.h>
-
-#include <fmt/format.h>
 
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
-#include <string>
 #include <type_traits>
 #include <utility>
 
@@ -60,25 +55,6 @@ std::pair<Result, Result> onBothLoops( const Body& body ) {
       results.second = Result();
    }
    return results;
-}
-
-// Keeps the seeds of the two loops apart; a seed on the command line counts for both.
-constexpr std::uint64_t frameworkSeeds = std::uint64_t{ 1 } << 32;
-
-// Half of the order on each loop: `plays( count, seed, framework )`.
-template<typename Result>
-std::pair<Result, Result>
-halfOnEachLoop( const Order& order, Result ( *plays )( std::uint64_t, std::uint64_t, bool ) ) {
-   return onBothLoops<Result>( [ & ]( bool framework ) {
-      return framework ? plays( order.count / 2, order.seed + frameworkSeeds, true )
-                       : plays( order.count - order.count / 2, order.seed, false );
-   } );
-}
-
-// The command line under which a play of this length is the first of each loop, and whole on it.
-// What is said of a fault is written in one piece: the other loop's process may have one as well.
-inline std::string byItself( std::uint64_t length, std::uint64_t playSeed ) {
-   return fmt::format( "by itself: --count {} --seed {}", 2 * length, playSeed % frameworkSeeds );
 }
 
 inline char const* loopText( bool framework ) {
