@@ -68,6 +68,7 @@ PROGRAMS = [
 class Proof:
     def __init__(self, options):
         self.tier = options.tier
+        self.times = options.times
         self.seed = options.seed
         self.build = options.build.resolve()
         self.limit = LONGEST[self.tier]
@@ -208,7 +209,7 @@ class Proof:
 
     # Row 14.
     def flakes(self):
-        failed, times = [], 50
+        failed, times = [], self.times
         load = [subprocess.Popen([sys.executable, "-c", "while True: pass"])
                 for _ in range(os.cpu_count() or 1)]
         fast = [sys.executable, __file__, "--build", self.build, "--fast", "--shuffle"]
@@ -304,9 +305,12 @@ def main():
     parser.add_argument("--rows", default="")
     parser.add_argument("--json", type=Path)
     parser.add_argument("--seed", type=int)
+    parser.add_argument("--times", type=int, default=50, help="how often row 14 runs the fast tier")
     parser.add_argument("--shuffle", action="store_true", help="rows in random order")
     parser.set_defaults(tier="default")
     options = parser.parse_args()
+    if options.times < 1:
+        parser.error("--times takes a number from 1")
     try:
         wanted = {int(number) for number in options.rows.split(",") if number}
     except ValueError:
