@@ -509,10 +509,10 @@ TEST( ShowAgentTest, AnswerThatCannotBeThrownAwayDoesNotKeepTheAgent ) {
    options.seconds = 0.0;
    options.name = "e" + std::to_string( getpid() );
    auto agent = std::make_unique<Agent>( options, folder.path() );
-   std::vector<std::shared_ptr<Quarn::Task>> filling;
-   for( int i = 0; i < 300; ++i ) {
-      filling.push_back( std::make_shared<testing_support::FunctionTask>(
-            Quarn::schedulerRootQuarn(), Quarn::TaskPriority::low, "filling" ) );
+   std::array<std::shared_ptr<Quarn::Task>, 300> filling;
+   for( auto& task : filling ) {
+      task = std::make_shared<testing_support::FunctionTask>( Quarn::schedulerRootQuarn(),
+                                                              Quarn::TaskPriority::low, "filling" );
    }
    const auto end = std::make_shared<EndBehindALock>( options.name );
    end->scheduleTaskDelay( 0.001 );

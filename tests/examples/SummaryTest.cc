@@ -55,6 +55,7 @@ std::shared_ptr<const ProcessTable> tableOf( std::chrono::seconds began,
 
 std::vector<pid_t> pidsOf( const std::vector<ProcessRecord>& processes ) {
    std::vector<pid_t> pids;
+   pids.reserve( processes.size() );
    for( const ProcessRecord& process : processes ) {
       pids.push_back( process.pid );
    }

@@ -53,8 +53,6 @@ using namespace Quarn;
 using Quarn::Testing::ManualSteadyClock;
 using Quarn::Testing::ManualTimerClock;
 using testing_support::allocationsOf;
-using testing_support::FunctionTask;
-using testing_support::makeTask;
 
 class Counting : public Task {
  public:

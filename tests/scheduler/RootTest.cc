@@ -23,11 +23,9 @@
 namespace {
 
 using namespace Quarn;
-using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::StartsWith;
 using testing_support::FunctionTask;
-using testing_support::historyOf;
 using testing_support::makeTask;
 using testing_support::TraceCapture;
 
