@@ -86,7 +86,13 @@ def look_through(project, command):
     done = subprocess.run([TIDY, "-p", str(project), "--quiet", "--extra-arg=-H", source],
                           stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
                           errors="replace", check=False)
-    if done.returncode != 0 and not any(map(HEAD.match, done.stdout.splitlines())):
+    heads = list(filter(None, map(HEAD.match, done.stdout.splitlines())))
+    # What does not compile was not looked through; in our own files that is a finding.
+    foreign = [head[0] for head in heads if head["check"] == "clang-diagnostic-error"
+               and not Path(head["file"]).is_relative_to(ROOT)]
+    if foreign:
+        raise Failure(f"{source} does not compile:\n" + "\n".join(foreign))
+    if done.returncode != 0 and not heads:
         raise Failure(f"{TIDY} ended with {done.returncode} on {source}:\n"
                       + "\n".join(done.stderr.splitlines()[-20:]))
     # A header that was included is told as dots for the depth, and its name.
