@@ -5,7 +5,8 @@
     performance.py FIGURES FOLDER   also writes them into FOLDER/performance.md, between their
                                     marks, and the plots into FOLDER/performance
 
-Fails when a side did not look at its descriptors between two units where it has to.
+Fails, and writes nothing, when a side did not look at its descriptors between two units where it
+has to.
 """
 
 import json
@@ -248,12 +249,13 @@ def main():
     figures = Figures(Path(sys.argv[1]).read_text(encoding="utf-8"))
     for table in figures.tables().values():
         print(table, end="\n\n")
-    if len(sys.argv) == 3:
-        figures.write(Path(sys.argv[2]))
     faults = list(figures.faults())
     for fault in faults:
         print(fault, file=sys.stderr)
-    sys.exit(1 if faults else 0)
+    if faults:
+        sys.exit(1)
+    if len(sys.argv) == 3:
+        figures.write(Path(sys.argv[2]))
 
 
 if __name__ == "__main__":
