@@ -30,6 +30,7 @@
 #include <optional>
 #include <stdexcept>
 #include <thread>
+#include <vector>
 
 #include <fcntl.h>
 #include <sched.h>
@@ -416,6 +417,26 @@ const Operation render{ "a render under way",
 const Operation renderTwice{ "two renders onto one pipe",
                              []( Scene& scene ) { return rendered( scene, false, 2 ); }, "whole" };
 
+// Its text is some megabytes, for which the kernel is advised to take large pages.
+const Operation largeReport{
+      "statsRenderJsonToString of many tasks",
+      []( Scene& scene ) {
+         struct Idle final : Task {
+            using Task::Task;
+            void taskExecute() override {}
+         };
+         const Base base;
+         const auto root = schedulerRootQuarnNonShared( String( "main" ) );
+         std::vector<std::shared_ptr<Idle>> tasks;
+         for( unsigned n = 0; n < 20'000; ++n ) {
+            tasks.push_back( std::make_shared<Idle>( root, TaskPriority::normal, "idle" ) );
+         }
+         const String text =
+               scene.faulty( [ & ] { return root->statsRenderJsonToString( true ); } );
+         return std::string( std::string_view( text ).ends_with( "}}" ) ? "whole" : "cut" );
+      },
+      "whole" };
+
 const Operation nameFilter{ "TaskNameRegex",
                             []( Scene& scene ) {
                                return std::string( scene.faulty( [] {
@@ -762,15 +783,15 @@ const Operation mappings{ "PidMappings::populate",
                           },
                           "mappings" };
 
-// A library that is there on every machine that the program runs on, and is no plugin.
+// A library that is there wherever the program runs, and is no plugin, of which it is told when it
+// loads.
 const Operation plugin{ "loadPlugin",
                         []( Scene& scene ) {
-                           return std::string( scene.faulty( [ & ] {
-                              return Platform::loadPlugin( "NoPluginOfThatName" ) ? "plugin"
-                                                                                  : "null";
+                           return std::string( scene.faulty( [] {
+                              return Platform::loadPlugin( "Quarn" ) ? "plugin" : "null";
                            } ) );
                         },
-                        "null" };
+                        "fatal" };
 
 // ---------------------------------------------------------------------------------------- sockets
 

@@ -66,7 +66,7 @@ std::span<const Pair> systemCallPairs();
 extern const Operation createBase, createBaseInVain, init, lateInit, forkReinit, loop, watchFd,
       watchReads, watchWrites, unwatch, frameworkFd, frameworkLoop;
 extern const Operation openStream, stream, brokenStream, closeStream, textReport, startRender,
-      render, renderTwice, nameFilter, trace, traceItems, traceFormat, noTraceFormat;
+      render, renderTwice, largeReport, nameFilter, trace, traceItems, traceFormat, noTraceFormat;
 extern const Operation mkpath, trimpath, touch, fileWrite, fileWriteQuietly, fileRead, fileExists,
       fileRemove, fileSize, fdSize, truncateFile, getCwd;
 extern const Operation openDir, readDir, findFiles, findUntypedFiles, closeDir;

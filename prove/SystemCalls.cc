@@ -30,6 +30,7 @@
 #include <string>
 #include <vector>
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
@@ -71,14 +72,20 @@ std::string traced() {
 // What an operation has to leave as it was, as lines of text.
 std::set<std::string> stateOfProcess() {
    std::set<std::string> lines;
-   for( const auto& entry : std::filesystem::directory_iterator( "/proc/self/fd" ) ) {
-      std::error_code gone;
-      const auto target = std::filesystem::read_symlink( entry.path(), gone );
-      // The walk has a descriptor, too.
-      if( target.string().find( "/fd" ) == std::string::npos ) {
-         lines.insert( "descriptor " + entry.path().filename().string() + " " + target.string() );
-      }
+   DIR* const walk = opendir( "/proc/self/fd" );
+   if( !walk ) {
+      throw std::runtime_error( "cannot look at the open descriptors" );
    }
+   const std::string own = std::to_string( dirfd( walk ) );
+   while( dirent const* const entry = readdir( walk ) ) {
+      const std::string number = entry->d_name;
+      if( number == "." || number == ".." || number == own ) {
+         continue;
+      }
+      lines.insert( "descriptor " + number + " " +
+                    std::filesystem::read_symlink( "/proc/self/fd/" + number ).string() );
+   }
+   closedir( walk );
    const mode_t mask = umask( 0 );
    umask( mask );
    lines.insert( fmt::format( "umask {:o}", mask ) );
@@ -90,10 +97,16 @@ std::set<std::string> stateOfProcess() {
    }
    sigset_t blocked;
    sigprocmask( SIG_BLOCK, nullptr, &blocked );
-   lines.insert( fmt::format( "SIGPIPE {}", sigismember( &blocked, SIGPIPE ) ) );
    sigset_t pending;
    sigpending( &pending );
-   lines.insert( fmt::format( "pending SIGPIPE {}", sigismember( &pending, SIGPIPE ) ) );
+   for( int signal = 1; signal <= SIGRTMAX; ++signal ) {
+      if( sigismember( &blocked, signal ) == 1 ) {
+         lines.insert( fmt::format( "signal {} blocked", signal ) );
+      }
+      if( sigismember( &pending, signal ) == 1 ) {
+         lines.insert( fmt::format( "signal {} pending", signal ) );
+      }
+   }
    return lines;
 }
 
