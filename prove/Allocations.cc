@@ -312,6 +312,80 @@ Runs callbacks() {
    };
 }
 
+// The loop's own timers: one is moved and fires each time.
+Runs timerControls() {
+   struct Handler : Platform::TimeoutHandler {
+      void timeout() override {
+         ++calls;
+         if( --left > 0 ) {
+            start();
+         }
+      }
+      void start() const {
+         control->setTimeout( 3600.0 );
+         control->setTimeout( 0.0 );
+      }
+      std::uint64_t calls = 0;
+      std::uint64_t left = 0;
+      std::shared_ptr<Platform::TimerControl> control = Platform::getTimerControl( this );
+   };
+   auto handler = std::make_shared<Handler>();
+   return [ handler ]( std::uint64_t count ) {
+      const std::uint64_t before = handler->calls;
+      handler->left = count;
+      handler->start();
+      loopWhile( [ & ] { return handler->left > 0; } );
+      return handler->calls - before == count;
+   };
+}
+
+// Controls at both ends of a pair, each of which asks to write when it has read a byte.
+Runs descriptorControls() {
+   struct Handler : Platform::FdEventHandler {
+      void readFdEvent( int fd ) override {
+         char byte = 0;
+         if( left > 0 && read( fd, &byte, 1 ) == 1 && --left > 0 ) {
+            controls[ fd == ends[ 0 ] ? 0 : 1 ]->setWrites( true );
+         }
+      }
+      void writeFdEvent( int fd ) override {
+         // The framework's tells of it until it is told not to.
+         controls[ fd == ends[ 0 ] ? 0 : 1 ]->setWrites( false );
+         failed = write( fd, "x", 1 ) != 1 || failed;
+      }
+      Handler() {
+         if( socketpair( AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, ends ) == 0 ) {
+            for( const int end : { 0, 1 } ) {
+               controls[ end ] = Platform::getFdControl( this );
+               controls[ end ]->setFd( ends[ end ] );
+            }
+         }
+      }
+      ~Handler() override {
+         for( const int end : { 0, 1 } ) {
+            controls[ end ].reset();
+            close( ends[ end ] );
+         }
+      }
+      Handler( const Handler& ) = delete;
+      Handler& operator=( const Handler& ) = delete;
+
+      int ends[ 2 ] = { -1, -1 };
+      std::uint64_t left = 0;
+      bool failed = false;
+      std::shared_ptr<Platform::FdControl> controls[ 2 ];
+   };
+   auto handler = std::make_shared<Handler>();
+   return [ handler ]( std::uint64_t count ) {
+      handler->left = count;
+      if( write( handler->ends[ 0 ], "x", 1 ) != 1 ) {
+         return false;
+      }
+      loopWhile( [ & ] { return handler->left > 0 && !handler->failed; } );
+      return handler->left == 0;
+   };
+}
+
 // A scheduler that tells several others, with more than fits in a function object, when it becomes
 // busy and idle.
 Runs busyCallbacks() {
@@ -387,6 +461,8 @@ constexpr Kind kinds[] = {
       { "history", history },
       { "critical drain", criticalDrain },
       { "callback", callbacks },
+      { "timer control", timerControls },
+      { "descriptor control", descriptorControls },
       { "busy callback", busyCallbacks },
       { "suspension", suspensions },
       { "disabled trace", disabledTrace },
