@@ -211,7 +211,12 @@ Tally attack( const Scenario& scenario, std::uint64_t maxPoints ) {
    Tally tally;
    const int untouched = runPoint( scenario, 0, false );
    const std::int64_t blocks = result->blocks;
-   if( const std::string fault = verdict( untouched, blocks ); !fault.empty() ) {
+   std::string fault = verdict( untouched, blocks );
+   if( fault.empty() && ( result->place.terminated || result->allocations == 0 ) ) {
+      // Nothing could be said of its points, or it has none.
+      fault = result->place.terminated ? "the process ends" : "allocates nothing";
+   }
+   if( !fault.empty() ) {
       fmt::print( "FAULT {} without a failure, in {}: {}\n", scenario.name, result->place.call,
                   fault );
       tally.faults = 1;
@@ -220,7 +225,7 @@ Tally attack( const Scenario& scenario, std::uint64_t maxPoints ) {
    for( const bool lasting : { false, true } ) {
       for( std::uint64_t n = 1; n <= maxPoints; ++n ) {
          const int status = runPoint( scenario, n, lasting );
-         const std::string fault = verdict( status, blocks );
+         fault = verdict( status, blocks );
          if( !fault.empty() ) {
             ++tally.points;
             ++tally.faults;
