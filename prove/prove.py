@@ -3,7 +3,8 @@
 
     prove.py --build FOLDER [--fast | --long] [--rows 5,6,9] [--json FILE] [--seed S] [--shuffle]
 
-scripts/prove builds and calls it. Exits 0 when every row that ran has met its goal, else 1.
+scripts/prove builds and calls it. The JSON goes to build/prove.json if no FILE is named. Exits 0
+when every row that ran has met its goal, else 1.
 """
 
 import argparse
@@ -16,6 +17,7 @@ import signal
 import subprocess
 import sys
 import time
+import traceback
 from dataclasses import dataclass, field
 from pathlib import Path
 
@@ -78,16 +80,20 @@ class Proof:
 
     def run(self, command, **environment):
         """Output and exit status of a command; None for the status when it was ended."""
-        with subprocess.Popen(
-            [str(word) for word in command],
-            cwd=ROOT,
-            env={**os.environ, **environment},
-            stdin=subprocess.DEVNULL,
-            stdout=subprocess.PIPE,
-            stderr=subprocess.STDOUT,
-            errors="replace",
-            start_new_session=True,
-        ) as process:
+        try:
+            process = subprocess.Popen(
+                [str(word) for word in command],
+                cwd=ROOT,
+                env={**os.environ, **environment},
+                stdin=subprocess.DEVNULL,
+                stdout=subprocess.PIPE,
+                stderr=subprocess.STDOUT,
+                errors="replace",
+                start_new_session=True,
+            )
+        except OSError as error:
+            return str(error), 127
+        with process:
             try:
                 said, _ = process.communicate(timeout=self.limit)
                 return said, process.returncode
@@ -109,7 +115,8 @@ class Proof:
         lines = said.strip().splitlines() or [""]
         # The first line is the command that repeats the run; the row is the last, but for what a
         # sanitizer says at the end.
-        repeat = lines[0] if "prove_" in lines[0] else " ".join(map(str, command))
+        repeat = next((line for line in lines if f"prove_{row.name} --count " in line),
+                      " ".join(map(str, command)))
         row_lines = [line for line in lines if line.startswith('{"row"')] or [""]
         try:
             told = json.loads(row_lines[-1])
@@ -212,7 +219,8 @@ class Proof:
         failed, times = [], self.times
         load = [subprocess.Popen([sys.executable, "-c", "while True: pass"])
                 for _ in range(os.cpu_count() or 1)]
-        fast = [sys.executable, __file__, "--build", self.build, "--fast", "--shuffle"]
+        fast = [sys.executable, __file__, "--build", self.build, "--fast", "--shuffle",
+                "--json", os.devnull]
         # Each case is a process of its own, so that its order is who runs beside it.
         suite = ["ctest", "--preset", "debug", "--schedule-random", "--no-tests=error",
                  "--parallel", os.cpu_count() or 1, "--output-on-failure"]
@@ -258,7 +266,7 @@ def coverage_of(proof):
         tell("coverage", said)
         return Outcome(1, "coverage", False, ended(status), "lines / branches",
                        "scripts/coverage")
-    missed = []
+    missed = [f"{folder} not found" for folder in sorted(strict - set(folders))]
     for folder, (line, branch) in sorted(folders.items()):
         goal = (97, 90) if folder in strict else (93, 85)
         if line < goal[0] or branch < goal[1]:
@@ -303,7 +311,7 @@ def main():
     tier.add_argument("--fast", dest="tier", action="store_const", const="fast")
     tier.add_argument("--long", dest="tier", action="store_const", const="long")
     parser.add_argument("--rows", default="")
-    parser.add_argument("--json", type=Path)
+    parser.add_argument("--json", type=Path, default=ROOT / "build" / "prove.json")
     parser.add_argument("--seed", type=int)
     parser.add_argument("--times", type=int, default=50, help="how often row 14 runs the fast tier")
     parser.add_argument("--shuffle", action="store_true", help="rows in random order")
@@ -322,9 +330,13 @@ def main():
         lacking = ", ".join(str(row) for row in sorted(wanted - set(rows)))
         parser.error(f"the {options.tier} tier has no row {lacking}")
 
-    def timed(call):
+    def timed(number):
         begin = time.monotonic()
-        outcomes = call()
+        try:
+            outcomes = rows[number]()
+        except Exception as error:  # the other rows have their say, and the table is written
+            tell(f"row {number}", traceback.format_exc())
+            outcomes = [Outcome(number, "-", False, repr(error), "-", f"scripts/prove --rows {number}")]
         for outcome in outcomes:
             outcome.seconds = outcome.seconds or time.monotonic() - begin
         return outcomes
@@ -339,18 +351,17 @@ def main():
     alone = [number for number in rows if number in (1, 2, 4, 14)]
     outcomes = []
     with concurrent.futures.ThreadPoolExecutor(os.cpu_count() or 1) as pool:
-        for made in pool.map(timed, [rows[n] for n in rows if n not in alone]):
+        for made in pool.map(timed, [n for n in rows if n not in alone]):
             outcomes += made
     for number in alone:
-        outcomes += timed(rows[number])
+        outcomes += timed(number)
     outcomes.sort(key=lambda outcome: outcome.row)
 
     print(f"tier {options.tier}\n")
     table(outcomes)
-    if options.json:
-        options.json.write_text(
-            json.dumps([{"tier": options.tier, **vars(o)} for o in outcomes], indent=2) + "\n",
-            encoding="utf-8")
+    options.json.write_text(
+        json.dumps([{"tier": options.tier, **vars(o)} for o in outcomes], indent=2) + "\n",
+        encoding="utf-8")
     missed = [str(o.row) for o in outcomes if not o.ok]
     print(f"\n{len(outcomes)} rows, " + (f"missed: {', '.join(missed)}" if missed else "all met"))
     return 1 if missed else 0
