@@ -84,6 +84,8 @@ void requireFork() {
       } catch( ... ) {
          std::snprintf( result->fault, sizeof( result->fault ), "an unknown exception" );
       }
+   } else {
+      std::snprintf( result->fault, sizeof( result->fault ), "%s", prove::Fault::last() );
    }
    _exit( 0 );
 }

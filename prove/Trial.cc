@@ -10,6 +10,8 @@ namespace prove {
 
 namespace {
 
+constinit char lastFault[ 300 ] = "";
+
 // Whether `text` holds one of those between the bars.
 bool holdsOneOf( std::string_view text, std::string_view alternatives ) {
    for( std::size_t at = 0; at <= alternatives.size(); ) {
@@ -23,6 +25,12 @@ bool holdsOneOf( std::string_view text, std::string_view alternatives ) {
 }
 
 } // namespace
+
+Fault::Fault( const std::string& what ) : runtime_error( what ) {
+   std::snprintf( lastFault, sizeof( lastFault ), "%s", what.c_str() );
+}
+
+char const* Fault::last() { return lastFault; }
 
 void Trial::_enters( char const* name, const May& may ) {
    failedHere_ = false;

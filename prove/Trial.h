@@ -21,7 +21,10 @@ namespace memory = testing_support::memory;
 // What a scenario found wrong.
 class Fault : public std::runtime_error {
  public:
-   using runtime_error::runtime_error;
+   explicit Fault( const std::string& what );
+
+   // The text of the last one, for when its way out ends the process; empty without any.
+   static char const* last();
 };
 
 // How an allocation that failed in a call was answered.
