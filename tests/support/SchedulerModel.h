@@ -57,6 +57,35 @@ struct Counters {
    std::uint32_t mostWorkLeft = unset;
 };
 
+// What is kept of the tasks of one name that are gone.
+struct Completed {
+   std::uint64_t count = 0;
+   Counters counters;
+   // Of the one that went first.
+   std::int64_t firstRun = 0;
+   std::int64_t lastRun = 0;
+
+   // Sums, maxima, and of momentary values the latest.
+   void add( const Counters& more ) {
+      ++count;
+      const auto higher = []( std::uint32_t a, std::uint32_t b ) {
+         return a == unset ? b : b == unset ? a : std::max( a, b );
+      };
+      counters.runs += more.runs;
+      counters.totalRunTime += more.totalRunTime;
+      counters.longestRun = std::max( counters.longestRun, more.longestRun );
+      counters.twoQuanta += more.twoQuanta;
+      counters.fiveQuanta += more.fiveQuanta;
+      counters.lastWait = more.lastWait;
+      counters.longestWait = std::max( counters.longestWait, more.longestWait );
+      counters.work += more.work;
+      counters.workAverage = more.workAverage;
+      counters.mostWork = higher( counters.mostWork, more.mostWork );
+      counters.workLeft = more.workLeft;
+      counters.mostWorkLeft = higher( counters.mostWorkLeft, more.mostWorkLeft );
+   }
+};
+
 struct Task {
    std::string name;
    Kind kind;
@@ -114,7 +143,7 @@ struct Scheduler {
    std::array<std::uint64_t, priorities> completed{};
    // Newest first.
    std::vector<Task*> registered;
-   std::map<std::string, std::pair<std::uint64_t, std::uint64_t>> completedByName;
+   std::map<std::string, Completed> completedByName;
 
    bool hasWork = false;
    bool suspended = false;
@@ -578,9 +607,12 @@ class Model {
       unschedule( t );
       if( t.keptWhenGone ) {
          ++s.completed[ t.priority ];
-         auto& [ count, runs ] = s.completedByName[ t.name ];
-         ++count;
-         runs += t.counters.runs;
+         Completed& record = s.completedByName[ t.name ];
+         if( record.count == 0 ) {
+            record.firstRun = t.firstRun;
+            record.lastRun = t.runStart;
+         }
+         record.add( t.counters );
       }
       std::erase( s.registered, &t );
       std::erase( s.toReset, &t );

@@ -260,6 +260,10 @@ class Play final : public Player, public SchedulerPlay {
    void _compareAll();
    void _compareHistory();
    void _compareStats( const model::Scheduler& expected, const TaskScheduler& found );
+   template<typename Value, typename Wanted>
+   void _compareValue( char const* what, const std::string& whom, Value value, Wanted wanted );
+   void _compareRecord( const std::string& whom, const TaskStat& s, const model::Counters& c,
+                        std::int64_t firstRun, std::int64_t lastRun );
    void _fail( const std::string& what );
    void _perform( const Operation& op );
 
@@ -450,6 +454,10 @@ Operation Play::_draw( model::Task* self ) {
          }
       } else if( draws( Do::delay, 70 ) || draws( Do::lowestDelay, 30 ) ) {
          op.seconds = _delay();
+         if( op.what == Do::lowestDelay && task && task->timing && op.seconds < 0.0 ) {
+            // No earlier than it is due.
+            op.seconds = model_.remaining( *task );
+         }
          if( isTimer && !( op.what == Do::lowestDelay && op.seconds == model::never ) ) {
             return op;
          }
@@ -1163,6 +1171,34 @@ std::string linesOf( const std::vector<model::Event>& events ) {
    return text;
 }
 
+template<typename Value, typename Wanted>
+void Play::_compareValue( char const* what, const std::string& whom, Value value, Wanted wanted ) {
+   if( value != wanted ) {
+      _fail( fmt::format( "{} of {}: {}, the model says {}", what, whom, value, wanted ) );
+   }
+}
+
+void Play::_compareRecord( const std::string& whom, const TaskStat& s, const model::Counters& c,
+                           std::int64_t firstRun, std::int64_t lastRun ) {
+   const auto check = [ & ]( char const* what, auto value, auto wanted ) {
+      _compareValue( what, whom, value, wanted );
+   };
+   check( "runs", s.taskRunCount(), c.runs );
+   check( "run time", s.taskTotalRunTime().count(), c.totalRunTime );
+   check( "longest run", s.taskRunTimeHighWaterMark().count(), c.longestRun );
+   check( "first run", s.taskFirstRunTimestamp().time_since_epoch().count(), firstRun );
+   check( "last run", s.taskLastRunTimestamp().time_since_epoch().count(), lastRun );
+   check( "moderate violations", s.taskQuantumViolation200(), c.twoQuanta );
+   check( "severe violations", s.taskQuantumViolation500(), c.fiveQuanta );
+   check( "last wait", s.taskLastSchedulingLatency().count(), c.lastWait );
+   check( "longest wait", s.taskSchedulingLatencyHighWaterMark().count(), c.longestWait );
+   check( "work", s.taskWorkCountTotal(), c.work );
+   check( "work average", s.taskWorkCountDecayAvg(), c.workAverage );
+   check( "most work", s.taskWorkCountHighWaterMark(), c.mostWork );
+   check( "work left", s.taskWorkPending(), c.workLeft );
+   check( "most work left", s.taskWorkPendingHighWaterMark(), c.mostWorkLeft );
+}
+
 void Play::_compareStats( const model::Scheduler& expected, const TaskScheduler& found ) {
    for( const auto& [ priority, stats ] : found.queueStats() ) {
       const unsigned p = priority.value();
@@ -1195,38 +1231,27 @@ void Play::_compareStats( const model::Scheduler& expected, const TaskScheduler&
    for( std::size_t n = 0; n < stats.size(); ++n ) {
       const TaskStat& s = stats[ n ];
       const model::Task& t = *expected.registered[ n ];
-      const model::Counters& c = t.counters;
-      const auto check = [ & ]( char const* what, auto value, auto wanted ) {
-         if( value != wanted ) {
-            _fail( fmt::format( "{} of {}: {}, the model says {}", what, t.name, value, wanted ) );
-         }
-      };
-      check( "name", std::string( std::string_view( s.taskName() ) ), t.name );
-      check( "status", unsigned{ s.taskStatus().bits() }, t.status() );
-      check( "runs", s.taskRunCount(), c.runs );
-      check( "run time", s.taskTotalRunTime().count(), c.totalRunTime );
-      check( "longest run", s.taskRunTimeHighWaterMark().count(), c.longestRun );
-      check( "first run", s.taskFirstRunTimestamp().time_since_epoch().count(), t.firstRun );
-      check( "last run", s.taskLastRunTimestamp().time_since_epoch().count(), t.runStart );
-      check( "moderate violations", s.taskQuantumViolation200(), c.twoQuanta );
-      check( "severe violations", s.taskQuantumViolation500(), c.fiveQuanta );
-      check( "last wait", s.taskLastSchedulingLatency().count(), c.lastWait );
-      check( "longest wait", s.taskSchedulingLatencyHighWaterMark().count(), c.longestWait );
-      check( "work", s.taskWorkCountTotal(), c.work );
-      check( "work average", s.taskWorkCountDecayAvg(), c.workAverage );
-      check( "most work", s.taskWorkCountHighWaterMark(), c.mostWork );
-      check( "work left", s.taskWorkPending(), c.workLeft );
-      check( "most work left", s.taskWorkPendingHighWaterMark(), c.mostWorkLeft );
+      _compareValue( "name", t.name, std::string( std::string_view( s.taskName() ) ), t.name );
+      _compareValue( "status", t.name, unsigned{ s.taskStatus().bits() }, t.status() );
+      _compareRecord( t.name, s, t.counters, t.firstRun, t.runStart );
    }
    BasicVector<TaskStat> completed;
    found.getCompletedTaskStats( completed, true );
-   std::map<std::string, std::pair<std::uint64_t, std::uint64_t>> completedByName;
+   std::set<std::string> seen;
    for( const TaskStat& s : completed ) {
-      completedByName[ std::string( std::string_view( s.taskName() ) ) ] = { s.taskCompletedCount(),
-                                                                             s.taskRunCount() };
+      const std::string name( std::string_view( s.taskName() ) );
+      const auto record = expected.completedByName.find( name );
+      if( record == expected.completedByName.end() || !seen.insert( name ).second ) {
+         _fail( fmt::format( "{}: a record of {}, which is gone", expected.name, name ) );
+         return;
+      }
+      _compareValue( "count", "completed " + name, s.taskCompletedCount(), record->second.count );
+      _compareRecord( "completed " + name, s, record->second.counters, record->second.firstRun,
+                      record->second.lastRun );
    }
-   if( completedByName != expected.completedByName ) {
-      _fail( fmt::format( "{}: records of completed tasks differ", expected.name ) );
+   if( seen.size() != expected.completedByName.size() ) {
+      _fail( fmt::format( "{}: {} records of completed tasks, the model says {}", expected.name,
+                          seen.size(), expected.completedByName.size() ) );
    }
 }
 
