@@ -186,7 +186,7 @@ void TimerWheel::timerStart( TimerWheelEvent* ev, double delay ) {
    const timeout_t ticks = timeToTickFloor( expiry );
    QUARN_TRACE( timerWheelHandler, 9, "TimerWheel", "timer {} ticks {} delay {} expiry {}",
                 fmt::ptr( ev ), ticks, delay, expiry );
-   timeouts_add( wheel_, ev, ticks );
+   timeouts_add( wheel_, ev->_record(), ticks );
    ev->_moves( TimerWheelState::notLinked, TimerWheelState::inTimerWheel );
    if( masterExpiry_ <= expiry ) {
       return;
@@ -216,7 +216,7 @@ void TimerWheel::timerStop( TimerWheelEvent* ev ) {
    }
    QUARN_TRACE( timerWheelHandler, 9, "TimerWheel", "timer {} del timeout", fmt::ptr( ev ) );
    if( ev->_is( TimerWheelState::inTimerWheel ) ) [[likely]] {
-      timeouts_del( wheel_, ev );
+      timeouts_del( wheel_, ev->_record() );
       ev->_moves( TimerWheelState::inTimerWheel, TimerWheelState::notLinked );
    } else if( ev->state() == TimerWheelState::inTimersExpiryingSoon ) {
       _timersExpiryingSoonRemove( ev );
@@ -235,7 +235,7 @@ void TimerWheel::_timersExpiryingSoonRemove( TimerWheelEvent* ev ) {
       QUARN_FAIL_AS( "TimerWheel", "timersExpiryingSoonRemove", "No timersAtTimeout" );
    }
    // The bucket stays, perhaps empty; processing removes it.
-   reinterpret_cast<TimersAtTimeout*>( ev->pending )->unlink( ev );
+   reinterpret_cast<TimersAtTimeout*>( ev->pending )->unlink( ev->_record() );
    ev->stateIs( TimerWheelState::notLinked );
 }
 
@@ -258,7 +258,7 @@ void TimerWheel::_bucketAdd( TimerWheelEvent* ev ) {
       }
    }
    ev->_moves( TimerWheelState::notLinked, TimerWheelState::inTimersExpiryingSoon );
-   bucket->second.pushBack( ev );
+   bucket->second.pushBack( ev->_record() );
 }
 
 void TimerWheel::_bucketErase( Buckets::iterator bucket ) {
@@ -283,7 +283,7 @@ void TimerWheel::_collect() {
             if( dues.size() == dues.capacity() ) {
                dues.reserve( 2 * dues.size() );
             }
-            auto* ev = static_cast<TimerWheelEvent*>( timeouts_get( wheel_ ) );
+            TimerWheelEvent* ev = TimerWheelEvent::_of( timeouts_get( wheel_ ) );
             ev->_moves( TimerWheelState::inTimerWheel, TimerWheelState::notLinked );
             dues.push_back( { ev->expirationTime_, dues.size(), ev } );
          }
@@ -301,7 +301,7 @@ void TimerWheel::_collect() {
             // Without memory for a bucket the events go back, so that none is lost.
             for( ; i < dues.size(); ++i ) {
                TimerWheelEvent* ev = dues[ i ].ev;
-               timeouts_add( wheel_, ev, ev->expires );
+               timeouts_add( wheel_, ev->_record(), ev->expires );
                ev->stateIs( TimerWheelState::inTimerWheel );
             }
             throw;
@@ -332,8 +332,8 @@ unsigned long TimerWheel::_processExpiredTimers() {
       if( const auto next = std::next( first ); next != timersExpiryingSoon_.end() ) {
          __builtin_prefetch( next->second.front(), 1 );
       }
-      auto* ev = static_cast<TimerWheelEvent*>( first->second.front() );
-      first->second.unlink( ev );
+      TimerWheelEvent* ev = TimerWheelEvent::_of( first->second.front() );
+      first->second.unlink( ev->_record() );
       ev->_moves( TimerWheelState::inTimersExpiryingSoon, TimerWheelState::notLinked );
       QUARN_TRACE_AS( timerWheelHandler, 9, "TimerWheel", "timerExpired", "timer {} expired",
                       fmt::ptr( ev ) );
@@ -444,7 +444,7 @@ bool TimerWheel::checkForTest( std::span<TimerWheelEvent* const> events ) const 
    for( const auto& [ expiry, bucket ] : timersExpiryingSoon_ ) {
       for( ::timeout const* record = bucket.front(); record; record = record->tqe.tqe_next ) {
          ++inBuckets;
-         require( static_cast<TimerWheelEvent const*>( record )->expirationTime_ == expiry,
+         require( static_cast<TimerWheelEvent const&>( *record ).expirationTime_ == expiry,
                   "event in the bucket of its time", record );
          require( record->pending == reinterpret_cast<timeout_list const*>( &bucket ),
                   "event points at its bucket", record );

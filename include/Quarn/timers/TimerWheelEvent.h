@@ -94,6 +94,13 @@ class ORUQUARN_API TimerWheelEvent : private ::timeout {
       }
    }
 
+   // The record that the wheel library holds, and the event of one. By reference, since a cast of
+   // pointers would look for null, which neither ever is.
+   ::timeout* _record() { return &static_cast<::timeout&>( *this ); }
+   static TimerWheelEvent* _of( ::timeout* record ) {
+      return &static_cast<TimerWheelEvent&>( *record );
+   }
+
    double expirationTime_ = std::numeric_limits<double>::infinity();
 };
 
