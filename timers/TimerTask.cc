@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
+#include <type_traits>
 
 namespace Quarn {
 
@@ -169,15 +170,18 @@ Delay TimerTask::jitterOffset( Delay delay, std::uint8_t maxJitterPercentage ) {
 template<typename Delay>
 void TimerTask::_scheduleTaskJitter( Delay delay, std::uint8_t maxJitterPercentage, bool up ) {
    _sanityCheck();
-   const double seconds = secondsOf( delay );
-   if( _isNever( seconds ) ) {
-      stopTimerTask();
-      return;
-   }
-   if( seconds == -infinity ) {
-      // No part of it can be told.
-      _scheduleTaskDelayed( delay, true );
-      return;
+   // Of nanoseconds there is no infinity.
+   constexpr bool mayBeInfinite = std::is_same_v<Delay, double>;
+   if constexpr( mayBeInfinite ) {
+      if( _isNever( delay ) ) {
+         stopTimerTask();
+         return;
+      }
+      if( delay == -infinity ) {
+         // No part of it can be told.
+         _scheduleTaskDelayed( delay, true );
+         return;
+      }
    }
    const Delay offset = jitterOffset( delay, maxJitterPercentage );
    const Delay total = up ? sum( delay, offset ) : delay - offset;
@@ -190,9 +194,11 @@ void TimerTask::_scheduleTaskJitter( Delay delay, std::uint8_t maxJitterPercenta
                       "Timer jitterDown {} delay {} - {} = {}", taskText( this ), shown( delay ),
                       shown( offset ), shown( total ) );
    }
-   if( secondsOf( total ) == infinity ) {
-      stopTimerTask();
-      return;
+   if constexpr( mayBeInfinite ) {
+      if( total == infinity ) {
+         stopTimerTask();
+         return;
+      }
    }
    _scheduleTaskDelayed( total, true );
 }
