@@ -128,9 +128,11 @@ std::vector<TaskImpl const*> TaskScheduler::_groupTasks() const {
    for( TaskImpl const* task = registeredTasks_.front(); task;
         task = registeredTasks_.next( task ) ) {
       constexpr unsigned groupParent = 32;
+      if( ( task->taskStatus() & groupParent ) == 0 ) {
+         continue;
+      }
       // Somebody may keep the parent task of a group that is gone.
-      if( ( task->taskStatus() & groupParent ) != 0 &&
-          static_cast<TaskGroup::ParentTask const*>( task )->taskGroup() ) {
+      if( static_cast<TaskGroup::ParentTask const*>( task )->taskGroup() ) {
          found.push_back( task );
       }
    }
@@ -211,9 +213,6 @@ void TaskGroup::taskGroupForceYieldInTestIs( bool force ) {
 }
 
 void TaskGroup::handleTaskForceYieldInTest() {
-   if( !parentTask_ ) {
-      return;
-   }
    parentTask_->taskTestYieldRatioIs( anyTaskForcesYieldInTest() ? 1 : 0 );
    if( taskGroupForceYieldInTest_ ) {
       // A ratio that ends takes the task out of the set, where the switch still wants it.

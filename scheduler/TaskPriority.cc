@@ -40,8 +40,10 @@ String TaskPriority::oneCharString() const {
 }
 
 String TaskPriority::traceText() const {
-   return value_ > oneBeyondLast ? String( fmt::format( "{}", value_ ) )
-                                 : String( texts[ value_ ] );
+   if( value_ > oneBeyondLast ) {
+      return fmt::format( "{}", value_ );
+   }
+   return texts[ value_ ];
 }
 
 std::ostream& operator<<( std::ostream& out, TaskPriority priority ) {

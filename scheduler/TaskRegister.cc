@@ -15,8 +15,10 @@ constexpr char sourceFile[] = "TaskSchedulerCpp";
 // Critical priority is for keep-alive work that must never starve, and for tests; a short list of
 // names keeps it so.
 bool authorizedForCritical( const String& name ) {
-   return name.find( "RibOutKeepalive" ) != String::npos ||
-          name.toLower().find( "test" ) != String::npos;
+   if( name.find( "RibOutKeepalive" ) != String::npos ) {
+      return true;
+   }
+   return name.toLower().find( "test" ) != String::npos;
 }
 
 } // namespace

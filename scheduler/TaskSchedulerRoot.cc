@@ -292,9 +292,8 @@ void TaskSchedulerRoot::virtualTimeCheck() {
    bool wanted = false;
    if( isMainThread_ ) {
       // Fetched once; the manager is never destroyed.
-      static const Oru::Ptr<Oru::ActivityManager>* const manager =
-            new Oru::Ptr<Oru::ActivityManager>( Oru::ActivityManager::instance() );
-      wanted = ( *manager )->virtualTime();
+      static Oru::ActivityManager const* const manager = Oru::ActivityManager::instance().get();
+      wanted = manager->virtualTime();
    }
    if( wanted == virtualTime_ ) {
       return;
