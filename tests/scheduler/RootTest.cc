@@ -306,6 +306,9 @@ TEST( RootTest, ForkedChildRunsItsCopyAndTheParentItsOwn ) {
       Platform::doEventLoop();
       a->scheduleTask();
       Platform::doEventLoop();
+      // The thread check is of the process that made the root.
+      std::thread( [ & ] { a->scheduleTask(); } ).join();
+      a->unscheduleTask();
       _exit( runs == 2 && root->checkForTest() ? 0 : 1 );
    }
    int status = -1;

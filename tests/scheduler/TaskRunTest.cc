@@ -136,10 +136,12 @@ TEST_F( TaskRunTest, RealTimeYieldLooksAtTheClockEvery500Microseconds ) {
       clock.advance( 500us );
       answers += self.taskShouldYield() ? 'y' : 'n';
       answers += self.taskShouldYield() ? 'y' : 'n'; // the stamp is forgotten with a yes
+      clock.advance( -1s );
+      answers += self.taskShouldYield() ? 'y' : 'n'; // before the start of the run
    } );
    a->taskQuantumIs( 2ms );
    a->taskRunFromTest();
-   EXPECT_EQ( answers, "nnnnnnnnyy" );
+   EXPECT_EQ( answers, "nnnnnnnnyyy" );
    EXPECT_EQ( reads, 1u );
 }
 
@@ -239,6 +241,8 @@ TEST_F( TaskRunTest, NarrowRangeLeavesTheRunnableFlag ) {
 }
 
 TEST_F( TaskRunTest, SuspendedRootRunsNothing ) {
+   Platform::getDebugHandler( "TaskScheduler", false )->enabledIs( 3, true );
+   const TraceCapture capture;
    auto a = task( TaskPriority::normal, "a" );
    a->scheduleTask();
    root->clearHistory();
@@ -246,6 +250,7 @@ TEST_F( TaskRunTest, SuspendedRootRunsNothing ) {
    root->suspendedIs( true );
    EXPECT_EQ( a->taskStatus(), 4u | 64u );
    EXPECT_FALSE( step() );
+   EXPECT_EQ( capture.count( "root Suspended\n" ), 1u );
    clock.advance( 1s );
    root->suspendedIs( false );
    EXPECT_THAT( historyOf( *root ),
@@ -447,10 +452,26 @@ TEST_F( TaskRunTest, CriticalRunEndsWithTheMarkerCleared ) {
    first->scheduleTask();
    EXPECT_TRUE( step( TaskPriority::critical ) );
    EXPECT_EQ( assertNotRunningCriticalTaskFn, nullptr );
-   root->suspendedIs( true );
+
+   // Nor is the hook anybody else's to set meanwhile.
+   first->bodyIs( []( FunctionTask& ) { assertNotRunningCriticalTaskFn = [] {}; } );
+   EXPECT_FATAL( first->taskRunFromTest(), "assertNotRunningCriticalTaskFn 0x" );
+   assertNotRunningCriticalTaskFn = nullptr;
+   EXPECT_EQ( root->currentlyRunningTask(), nullptr );
+
+   // What suspends the root ends the run at once.
+   first->bodyIs( [ & ]( FunctionTask& ) { root->suspendedIs( true ); } );
+   first->scheduleTask();
    second->scheduleTask();
-   root->runCriticalPriorityTasks();
-   EXPECT_EQ( second->getStats().taskRunCount(), 0u );
+   root->clearHistory();
+   for( int n = 0; n < 2; ++n ) {
+      root->runCriticalPriorityTasks();
+      EXPECT_EQ( second->getStats().taskRunCount(), 0u );
+      const auto history = historyOf( *root );
+      EXPECT_EQ(
+            std::count( history.begin(), history.end(), "schedulerRunIgnoredWhileSuspended root" ),
+            n );
+   }
 }
 
 TEST_F( TaskRunTest, OuterTaskKeepsItsVirtualQuantum ) {

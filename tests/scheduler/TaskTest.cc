@@ -385,6 +385,9 @@ TEST_F( TaskTest, OtherThreadsAreTurnedAway ) {
       root->threadSanityDisabledIs( true );
       EXPECT_EQ( capture.count( "root disable thread sanity checking" ), 1u );
       a->scheduleTask();
+      root->threadSanityDisabledIs( false );
+      EXPECT_EQ( capture.count( "root enable thread sanity checking" ), 1u );
+      EXPECT_FATAL( a->taskScheduled(), "Executing in wrong thread " );
    } ).join();
    EXPECT_TRUE( a->taskScheduled() );
 }

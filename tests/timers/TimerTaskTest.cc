@@ -603,14 +603,37 @@ TEST_F( TimerTaskTest, JitterKeepsItsRangeAtTheEndsOfTheScale ) {
 }
 
 TEST_F( TimerTaskTest, ToldLateAfterACallbackThatThrew ) {
-   auto t = timer();
-   root->registerBusyCallback( this, [] { throw 7; } );
-   EXPECT_THROW( t->scheduleTaskDelay( 5.0 ), int );
-   root->unregisterBusyCallback( this );
-   t->onBusy = [ & ]( Timer& ) { t.reset(); };
-   t->scheduleTask();
-   EXPECT_EQ( t, nullptr );
-   EXPECT_EQ( root->timerRunningCount(), 0u );
+   for( const bool expires : { false, true } ) {
+      for( const bool drops : { false, true } ) {
+         auto t = timer();
+         root->registerBusyCallback( this, [] { throw 7; } );
+         EXPECT_THROW( t->scheduleTaskDelay( 5.0 ), int );
+         root->unregisterBusyCallback( this );
+         t->onBusy = [ & ]( Timer& self ) {
+            self.onBusy = {};
+            if( drops ) {
+               t.reset();
+            } else {
+               self.stopTimerTask();
+            }
+         };
+         if( expires ) {
+            timerClock.advance( 5 );
+            EXPECT_EQ( deliver(), 1u );
+         } else {
+            t->scheduleTask();
+         }
+         EXPECT_EQ( t == nullptr, drops );
+         EXPECT_EQ( root->timerRunningCount(), 0u );
+         EXPECT_FALSE( step() );
+         EXPECT_TRUE( !root->busy() && root->checkForTest() );
+      }
+   }
+}
+
+TEST_F( TimerTaskTest, NeedsAScheduler ) {
+   TaskScheduler* const none = nullptr;
+   EXPECT_FATAL( Timer( none, TaskPriority::normal, "t" ), "Need a TaskScheduler" );
 }
 
 } // namespace

@@ -20,6 +20,8 @@
 #include <thread>
 #include <utility>
 
+#include <pthread.h>
+
 namespace {
 
 using namespace Quarn;
@@ -307,14 +309,26 @@ TEST_F( TimerWheelTest, ExceptionFromATimeoutLosesNothing ) {
 }
 
 TEST_F( TimerWheelTest, TimeoutMayDestroyTheWheel ) {
-   Event inner( [ & ] { wheel.reset(); } );
-   Event outer( [ & ] { wheel->_processExpiredTimers(); } );
-   wheel->timerStart( &outer, 1.0 );
-   wheel->timerStart( &inner, 1.0 );
-   clock.advance( 1.0 );
-   wheel->timeout();
-   EXPECT_FALSE( wheel );
-   EXPECT_EQ( inner.fired, 1 );
+   for( const bool throws : { false, true } ) {
+      wheel = getTimerWheelForTaskScheduler( Platform::EventPriority::eventPriorityDefault );
+      Event inner( [ & ] {
+         wheel.reset();
+         if( throws ) {
+            throw std::runtime_error( "thrown" );
+         }
+      } );
+      Event outer( [ & ] { wheel->_processExpiredTimers(); } );
+      wheel->timerStart( &outer, 1.0 );
+      wheel->timerStart( &inner, 1.0 );
+      clock.advance( 1.0 );
+      if( throws ) {
+         EXPECT_THROW( wheel->timeout(), std::runtime_error );
+      } else {
+         wheel->timeout();
+      }
+      EXPECT_FALSE( wheel );
+      EXPECT_EQ( inner.fired, 1 );
+   }
 }
 
 TEST_F( TimerWheelTest, LinkedEventsDieWithAMessage ) {
@@ -324,17 +338,17 @@ TEST_F( TimerWheelTest, LinkedEventsDieWithAMessage ) {
             wheel->timerStart( &event, 1.0 );
          },
          "TimerWheelEvent 0x[0-9a-f]+ destroyed while inTimerWheel" );
-   EXPECT_DEATH(
-         {
-            Event event;
-            wheel->timerStart( &event, 0.0099 );
-            clock.advance( 0.009 );
-            wheel->timeout();
-            if( event.state() == TimerWheelState::inTimersExpiryingSoon ) {
-               wheel.reset();
-            }
-         },
-         "Destroyed while non-empty" );
+   const auto endIn = [ & ]( bool wheelGoes ) {
+      Event event;
+      wheel->timerStart( &event, 0.0099 );
+      clock.advance( 0.009 );
+      wheel->timeout();
+      if( wheelGoes ) {
+         wheel.reset();
+      }
+   };
+   EXPECT_DEATH( endIn( true ), "Destroyed while non-empty" );
+   EXPECT_DEATH( endIn( false ), "destroyed while inTimersExpiryingSoon" );
 }
 
 TEST_F( TimerWheelTest, StatesAreChecked ) {
@@ -416,7 +430,15 @@ TEST( TimerWheelThreadTest, EachThreadHasAWheel ) {
    const std::shared_ptr<TimerWheel> mine = getTimerWheel();
    EXPECT_EQ( getTimerWheel(), mine );
    std::weak_ptr<TimerWheel> other;
+   // Outlives the wheel of its thread.
+   struct Late {
+      ~Late() { *ownersAfter = getTimerWheel().use_count(); }
+      long* ownersAfter = nullptr;
+   };
+   long ownersAfter = 0;
    std::thread( [ & ] {
+      static thread_local Late late;
+      late.ownersAfter = &ownersAfter;
       other = getTimerWheel();
       EXPECT_NE( other.lock(), mine );
       Event event;
@@ -426,6 +448,24 @@ TEST( TimerWheelThreadTest, EachThreadHasAWheel ) {
       EXPECT_EQ( event.fired, 1 ) << "driven by the thread's own loop";
    } ).join();
    EXPECT_TRUE( other.expired() );
+   EXPECT_EQ( ownersAfter, 1 ) << "one that nobody keeps";
+}
+
+TEST( TimerWheelThreadTest, HandlerMayEndItsThread ) {
+   struct Handler : Platform::TimeoutHandler {
+      void timeout() override { pthread_exit( nullptr ); }
+      bool handleTimeoutException() override { return asked = true; }
+      bool asked = false;
+   } handler;
+   bool goesOn = false;
+   std::thread( [ & ] {
+      const auto wheel = getTimerWheel();
+      const auto control = Platform::getTimerControl( &handler, wheel );
+      control->setTimeout( 0 );
+      wheel->timeout();
+      goesOn = true;
+   } ).join();
+   EXPECT_FALSE( handler.asked || goesOn );
 }
 
 TEST( TimerWheelLoopTest, RealTimersAreNeverEarly ) {
