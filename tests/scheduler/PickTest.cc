@@ -68,12 +68,6 @@ TEST_F( PickTest, LowGetsItsTurnUnderTenHighTasks ) {
    EXPECT_EQ( order.find( 'L', 642 ), 642u + 641u ) << "the count starts again from 0";
 }
 
-TEST_F( PickTest, NormalAlternatesWithOneHighTask ) {
-   add( TaskPriority::high, 1 );
-   add( TaskPriority::normal, 10 );
-   EXPECT_EQ( picks( 6 ), "HNHNHN" );
-}
-
 TEST_F( PickTest, SharesOverALongTime ) {
    add( TaskPriority::high, 1 );
    add( TaskPriority::normal, 1 );

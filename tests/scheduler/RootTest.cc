@@ -102,23 +102,6 @@ TEST( RootTest, OneTaskPerCallbackWithEventsServedBetween ) {
    EXPECT_TRUE( root->checkForTest() );
 }
 
-TEST( RootTest, PriorityOrderFromTheLoop ) {
-   const auto root = schedulerRootQuarn();
-   std::string order;
-   std::vector<std::shared_ptr<FunctionTask>> tasks;
-   for( const TaskPriority p :
-        { TaskPriority::scavenge, TaskPriority::low, TaskPriority::normal, TaskPriority::high,
-          TaskPriority::absolute, TaskPriority::critical } ) {
-      tasks.push_back( makeTask( root, p, "test", [ & ]( FunctionTask& self ) {
-         order += self.taskPriority().oneChar();
-      } ) );
-      tasks.back()->scheduleTask();
-   }
-   Platform::doEventLoop();
-   EXPECT_EQ( order, "CAHNLS" );
-   EXPECT_FALSE( root->busy() );
-}
-
 TEST( RootTest, DueTimersReachTheirQueuesBeforeTheNextChoice ) {
    const auto root = schedulerRootQuarn();
    std::string order;

@@ -230,16 +230,6 @@ TEST_F( TaskRunTest, VirtualTimeMeasuresOnTheVirtualClock ) {
 
 // --------------------------------------------------------------------------------------- run steps
 
-TEST_F( TaskRunTest, NarrowRangeLeavesTheRunnableFlag ) {
-   auto a = task( TaskPriority::low, "a" );
-   a->scheduleTask();
-   EXPECT_FALSE( step( TaskPriority::normal ) );
-   EXPECT_TRUE( root->schedulerHasRunnableTasks() );
-   EXPECT_TRUE( step() );
-   EXPECT_FALSE( step() );
-   EXPECT_FALSE( root->schedulerHasRunnableTasks() );
-}
-
 TEST_F( TaskRunTest, SuspendedRootRunsNothing ) {
    Platform::getDebugHandler( "TaskScheduler", false )->enabledIs( 3, true );
    const TraceCapture capture;
@@ -275,21 +265,6 @@ TEST_F( TaskRunTest, NestedRunOnOneSchedulerIsFatal ) {
    } );
    outer->taskRunFromTest();
    EXPECT_EQ( root->currentlyRunningTask(), nullptr );
-}
-
-TEST_F( TaskRunTest, ExceptionOfABodyUndoesTheRunAndLosesNoWork ) {
-   auto thrower = task( TaskPriority::high, "thrower",
-                        []( FunctionTask& ) { throw std::runtime_error( "body" ); } );
-   auto next = task( TaskPriority::normal, "next" );
-   thrower->scheduleTask();
-   next->scheduleTask();
-   EXPECT_THROW( step(), std::runtime_error );
-   EXPECT_EQ( root->currentlyRunningTask(), nullptr );
-   EXPECT_FALSE( thrower->taskCurrentlyRunning() );
-   EXPECT_EQ( thrower->getStats().taskRunCount(), 1u );
-   EXPECT_TRUE( step() );
-   EXPECT_EQ( next->getStats().taskRunCount(), 1u );
-   EXPECT_TRUE( root->checkForTest() );
 }
 
 TEST_F( TaskRunTest, BodyMayDropItsOwnLastOwnerAndAnyOtherTask ) {

@@ -276,27 +276,6 @@ TEST_F( TaskTest, BusyHookHearsEachChangeOnce ) {
    EXPECT_THAT( a->seen, ElementsAre( true, false, true, false ) );
 }
 
-TEST_F( TaskTest, WorkIsCounted ) {
-   auto a = task( TaskPriority::normal, "a" );
-   EXPECT_EQ( a->getStats().taskWorkCountHighWaterMark(), taskStatUnset );
-   a->taskWorkCountInc( 0 );
-   EXPECT_EQ( a->getStats().taskWorkCountHighWaterMark(), 0u );
-   EXPECT_EQ( a->getStats().taskWorkCountDecayAvg(), 0.0f );
-   auto b = task( TaskPriority::normal, "b" );
-   b->taskWorkCountInc( 10 );
-   b->taskWorkCountInc( 20 );
-   b->taskWorkCountInc( 5 );
-   EXPECT_EQ( b->getStats().taskWorkCountTotal(), 35u );
-   EXPECT_EQ( b->getStats().taskWorkCountHighWaterMark(), 20u );
-   EXPECT_FLOAT_EQ( b->getStats().taskWorkCountDecayAvg(), 10.4f );
-   b->taskWorkPendingIs( 0xFFFFFFFF );
-   EXPECT_EQ( b->getStats().taskWorkPending(), 0xFFFFFFFF );
-   EXPECT_EQ( b->getStats().taskWorkPendingHighWaterMark(), 0xFFFFFFFE );
-   b->taskWorkPendingIs( 3 );
-   EXPECT_EQ( b->getStats().taskWorkPending(), 3u );
-   EXPECT_EQ( b->getStats().taskWorkPendingHighWaterMark(), 0xFFFFFFFE );
-}
-
 TEST_F( TaskTest, BusyCallbacksMayChangeAnything ) {
    std::vector<int> order;
    int keys[ 4 ];
@@ -341,26 +320,6 @@ TEST_F( TaskTest, BusyCallbackMayDropTheRoot ) {
    Task* raw = a.get();
    raw->scheduleTask();
    EXPECT_TRUE( weak.expired() );
-}
-
-TEST_F( TaskTest, TimersKeepTheSchedulerBusy ) {
-   root->clearHistory();
-   const TaskTimeStamp now = taskTimeNow();
-   root->timerRunningInc( now );
-   root->timerRunningInc( now );
-   EXPECT_TRUE( root->busy() );
-   auto a = task( TaskPriority::normal, "a" );
-   a->scheduleTask();
-   step();
-   step();
-   EXPECT_TRUE( root->busy() ) << "nothing runnable, but timers are armed";
-   root->timerRunningDec( now );
-   root->timerRunningDec( now );
-   EXPECT_FALSE( root->busy() );
-   EXPECT_FATAL( root->timerRunningDec( now ), "timerRunningCount_ > 0" );
-   const auto history = historyOf( *root );
-   EXPECT_EQ( std::count( history.begin(), history.end(), "schedulerBusy root" ), 1 );
-   EXPECT_EQ( std::count( history.begin(), history.end(), "schedulerIdle root" ), 1 );
 }
 
 TEST_F( TaskTest, OtherThreadsAreTurnedAway ) {

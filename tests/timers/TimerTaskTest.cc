@@ -23,8 +23,6 @@ using namespace Quarn;
 using namespace std::chrono_literals;
 using Quarn::Testing::ManualSteadyClock;
 using Quarn::Testing::ManualTimerClock;
-using testing::HasSubstr;
-using testing::Not;
 using testing_support::historyOf;
 using testing_support::TraceCapture;
 
@@ -155,7 +153,6 @@ TYPED_TEST( TimerTaskFormsTest, EveryCallInEveryState ) {
          "queued 0 -: schedule N t, schedulerHasRunnableTasks root",
          "queued 0 -: ", "suspended 0 -: scheduleSus N t",
          "suspended 0 -: scheduleSus N t, schedulerIdle root, idle N t" };
-   // Never restarted for a later expiry, nor for the same; a queued task stays queued.
    // Never moved to a later expiry, nor to the same; a queued task stays queued.
    const After lowest = { "timing 1 10: schedulerBusy root, timerStart N t, busy N t",
                           "timing 1 10: ", "queued 0 -: ",
@@ -414,78 +411,6 @@ TEST_F( TimerTaskTest, ExpiryWhileSuspendedIsMadeUpFor ) {
    deliver();
    step();
    EXPECT_EQ( t->runs, 2u );
-}
-
-TEST_F( TimerTaskTest, CountOfAGroupIsOneForItsParent ) {
-   const auto group = TaskGroup::TaskGroupIs( "g", TaskPriority::low, false, root );
-   const auto make = [ & ]( String name ) {
-      return std::make_shared<Timer>( group.get(), TaskPriority::low, std::move( name ) );
-   };
-   const auto a = make( "a" );
-   const auto b = make( "b" );
-   const auto counts = [ & ] {
-      return std::to_string( group->timerRunningCount() ) + std::to_string( group->busy() ) +
-             std::to_string( root->timerRunningCount() ) + std::to_string( root->busy() );
-   };
-   a->scheduleTaskDelay( 1.0 );
-   b->scheduleTaskDelay( 2.0 );
-   EXPECT_EQ( counts(), "2111" );
-   a->scheduleTaskDelay( 3.0 );
-   EXPECT_EQ( counts(), "2111" );
-   timerClock.advance( 2 );
-   events();
-   deliver();
-   EXPECT_EQ( counts(), "1111" );
-   EXPECT_TRUE( group->parentTaskScheduled() );
-   step();
-   EXPECT_EQ( b->runs, 1u );
-   EXPECT_EQ( counts(), "1111" );
-   timerClock.advance( 1 );
-   deliver();
-   EXPECT_EQ( counts(), "0101" );
-   EXPECT_THAT( events(), Not( HasSubstr( "schedulerIdle" ) ) );
-   step();
-   step();
-   EXPECT_EQ( a->runs, 1u );
-   EXPECT_EQ( counts(), "0000" );
-}
-
-TEST_F( TimerTaskTest, GoesInEveryState ) {
-   const auto gone = [ & ]( const std::function<void( Timer& )>& before ) {
-      auto t = timer();
-      before( *t );
-      t.reset();
-      EXPECT_EQ( root->timerRunningCount(), 0u );
-      EXPECT_EQ( root->runnableTaskCount(), 0 );
-      timerClock.advance( 100 );
-      EXPECT_EQ( deliver(), 0u );
-      EXPECT_FALSE( step() );
-      EXPECT_FALSE( root->busy() );
-      EXPECT_EQ( root->totalRegisteredTaskCount(), 0u );
-   };
-   gone( []( Timer& ) {} );
-   gone( []( Timer& t ) { t.scheduleTask(); } );
-   gone( []( Timer& t ) { t.scheduleTaskDelay( 1.0 ); } );
-   gone( []( Timer& t ) {
-      t.taskSuspendedIs( true );
-      t.scheduleTaskDelay( 1.0 );
-   } );
-}
-
-TEST_F( TimerTaskTest, BodyMayStartTheTimerAndDropTheTask ) {
-   auto t = timer();
-   const std::weak_ptr<Timer> watch = t;
-   t->body = [ & ]( Timer& self ) {
-      self.scheduleTaskDelay( 1.0 );
-      t.reset();
-      EXPECT_EQ( stateOf( self ), "timing" );
-   };
-   t->scheduleTask();
-   step();
-   EXPECT_TRUE( watch.expired() );
-   EXPECT_EQ( root->timerRunningCount(), 0u );
-   EXPECT_FALSE( step() );
-   EXPECT_FALSE( root->busy() );
 }
 
 TEST_F( TimerTaskTest, WhoeverIsToldMayDropTheTask ) {

@@ -15,7 +15,6 @@
 #include <algorithm>
 #include <cmath>
 #include <functional>
-#include <map>
 #include <random>
 #include <thread>
 #include <utility>
@@ -26,7 +25,6 @@ namespace {
 
 using namespace Quarn;
 using Quarn::Testing::ManualTimerClock;
-using testing::ElementsAre;
 using testing::HasSubstr;
 using testing_support::TimerPlay;
 using testing_support::TraceCapture;
@@ -59,7 +57,6 @@ class TimerWheelTest : public testing::Test {
       Event event;
       event.delTimeout( nullptr );
    }
-   bool check( std::vector<TimerWheelEvent*> events ) { return wheel->checkForTest( events ); }
 
    ManualTimerClock clock;
    std::shared_ptr<TimerWheel> wheel =
@@ -145,41 +142,6 @@ TEST_F( TimerWheelTest, CollectsAtTheTickAndDeliversAtTheExactTime ) {
    EXPECT_THAT( capture.text(), HasSubstr( "TimerWheel::timerExpired() timer " ) );
 }
 
-TEST_F( TimerWheelTest, EarlierTimerIsNotHeldUpByABucketThatWaits ) {
-   // One timer waits in its bucket for its exact time; a shorter one arrives in the same tick.
-   clock.set( 1000000.0001 );
-   Event waiting;
-   wheel->timerStart( &waiting, 0.0098 );
-   clock.set( 1000000.0002 );
-   wheel->timeout();
-   ASSERT_EQ( waiting.state(), TimerWheelState::inTimersExpiryingSoon );
-   Event shorter;
-   wheel->timerStart( &shorter, 0.002 );
-   EXPECT_EQ( wheel->masterExpiryForTest(), shorter.expirationTime() );
-   EXPECT_TRUE( check( { &waiting, &shorter } ) );
-   wheel->setMasterTimer();
-   EXPECT_EQ( wheel->masterExpiryForTest(), shorter.expirationTime() );
-   clock.set( shorter.expirationTime() );
-   wheel->timeout();
-   EXPECT_EQ( shorter.fired, 1 );
-   EXPECT_EQ( waiting.fired, 0 );
-   wheel->timerStop( &waiting );
-}
-
-TEST_F( TimerWheelTest, EqualExpiriesFireInOrder ) {
-   std::vector<int> order;
-   std::vector<std::unique_ptr<Event>> events;
-   for( int n = 0; n < 5; ++n ) {
-      events.push_back( std::make_unique<Event>( [ &order, n ] { order.push_back( n ); } ) );
-      wheel->timerStart( events.back().get(), 7.25 );
-   }
-   Event first( [ & ] { order.push_back( -1 ); } );
-   wheel->timerStart( &first, 7.2499 );
-   clock.advance( 100 );
-   EXPECT_EQ( wheel->_processExpiredTimers(), 6u );
-   EXPECT_THAT( order, ElementsAre( -1, 0, 1, 2, 3, 4 ) );
-}
-
 TEST_F( TimerWheelTest, ManyThatAreDueAtOnceFireInOrder ) {
    // On a grid of milliseconds, over ten ticks: most have others of their time.
    constexpr int count = 1000;
@@ -235,59 +197,6 @@ TEST_F( TimerWheelTest, StrangeDelays ) {
    wheel->timeout();
    EXPECT_EQ( event.fired, 4 );
    wheel->timerStop( &event );
-}
-
-TEST_F( TimerWheelTest, TimeoutMayStopRestartAndDestroyOthersOfItsBucket ) {
-   auto destroyed = std::make_unique<Event>();
-   Event stopped;
-   Event restarted;
-   Event last;
-   Event first( [ & ] {
-      wheel->timerStop( destroyed.get() );
-      destroyed.reset();
-      wheel->timerStop( &stopped );
-      wheel->timerStart( &restarted, 3.0 );
-   } );
-   for( TimerWheelEvent* ev : std::initializer_list<TimerWheelEvent*>{
-              &first, destroyed.get(), &stopped, &restarted, &last } ) {
-      wheel->timerStart( ev, 1.0 );
-   }
-   clock.advance( 1.0 );
-   EXPECT_EQ( wheel->_processExpiredTimers(), 2u );
-   EXPECT_EQ( stopped.fired + restarted.fired, 0 );
-   EXPECT_EQ( last.fired, 1 );
-   EXPECT_TRUE( wheel->checkForTest(
-         std::vector<TimerWheelEvent*>{ &first, &stopped, &restarted, &last } ) );
-   wheel->timerStop( &restarted );
-}
-
-TEST_F( TimerWheelTest, RestartWithZeroRunsOncePerPass ) {
-   Event again;
-   again.onIs( [ & ] { wheel->timerStart( &again, 0.0 ); } );
-   wheel->timerStart( &again, 0.0 );
-   for( int pass = 1; pass <= 3; ++pass ) {
-      wheel->timeout();
-      EXPECT_EQ( again.fired, pass );
-      EXPECT_EQ( wheel->masterExpiryForTest(), 0.0 );
-   }
-   wheel->timerStop( &again );
-}
-
-TEST_F( TimerWheelTest, DeliveryMayBeEnteredFromATimeout ) {
-   std::vector<int> order;
-   Event a( [ & ] {
-      order.push_back( 1 );
-      EXPECT_EQ( wheel->_processExpiredTimers(), 2u );
-      order.push_back( 2 );
-   } );
-   Event b( [ & ] { order.push_back( 3 ); } );
-   Event c( [ & ] { order.push_back( 4 ); } );
-   wheel->timerStart( &a, 1.0 );
-   wheel->timerStart( &b, 1.0 );
-   wheel->timerStart( &c, 2.0 );
-   clock.advance( 2.0 );
-   EXPECT_EQ( wheel->_processExpiredTimers(), 1u );
-   EXPECT_THAT( order, ElementsAre( 1, 3, 4, 2 ) );
 }
 
 TEST_F( TimerWheelTest, TimeoutMayDestroyTheWheel ) {
@@ -520,19 +429,5 @@ TEST( TimerWheelTraceTest, TracingEverythingChangesNothing ) {
 }
 
 INSTANTIATE_TEST_SUITE_P( Seeds, TimerWheelModel, testing::Values( 1, 2, 3, 42, 4711 ) );
-
-TEST_F( TimerWheelTest, EventThatRestartsItselfEverEarlierComesOnceAPass ) {
-   Event event;
-   int n = 0;
-   event.onIs( [ & ] { event.setTimeout( wheel, -static_cast<double>( ++n ) ); } );
-   event.setTimeout( wheel, 0 );
-   for( int pass = 1; pass < 4; ++pass ) {
-      clock.advance( 0.1 );
-      wheel->timeout();
-      EXPECT_EQ( event.fired, pass );
-      EXPECT_LE( wheel->masterExpiryForTest(), clock.now() );
-   }
-   event.delTimeout( wheel );
-}
 
 } // namespace
