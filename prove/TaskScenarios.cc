@@ -79,6 +79,10 @@ void tasks( Trial& trial ) {
    trial.call( "taskTestYieldRatioIs", [ & ] { made[ 0 ]->taskTestYieldRatioIs( 3 ); } );
    Trial::require( root->anyTaskForcesYieldInTest(), "the forced yield is not known" );
    trial.call( "the root's ratio", [ & ] { root->taskTestYieldRatioIs( 2 ); } );
+   for( const std::size_t n : { 1u, 2u } ) {
+      const bool first = made[ n ]->taskShouldYield();
+      Trial::require( made[ n ]->taskShouldYield() != first, "a task goes by another ratio" );
+   }
    trial.call( "a task under the root's ratio", [ & ] {
       makeTask( root, TaskPriority::low, longName( "forced" ) )->includeInCompletedTaskIs( false );
    } );
@@ -414,6 +418,13 @@ void taskGroups( Trial& trial ) {
       inner = TaskGroup::TaskGroupIs( longName( "inner" ), TaskPriority::low, false, outer );
    } );
    Trial::require( root->taskGroupCount() == 2, "a group that failed is still known" );
+   trial.call( "taskGroupForceYieldInTestIs without members",
+               [ & ] { inner->taskGroupForceYieldInTestIs( true ); } );
+   Trial::require( outer->anyTaskForcesYieldInTest() && root->anyTaskForcesYieldInTest(),
+                   "a forced yield is not known to the groups above" );
+   inner->taskGroupForceYieldInTestIs( false );
+   Trial::require( !outer->anyTaskForcesYieldInTest() && !root->anyTaskForcesYieldInTest(),
+                   "a forced yield is left behind" );
    unsigned ran = 0;
    std::vector<std::shared_ptr<FunctionTask>> members;
    for( const auto& group : { outer, inner, inner } ) {
