@@ -628,8 +628,9 @@ void Play::_record( Operation op ) {
 
 void Play::_modelDoes( Line& line ) {
    const Operation& op = line.op;
-   model::Task* task = op.task >= 0 ? tasks_[ at( op.task ) ] : nullptr;
-   model::Scheduler* scheduler = op.scheduler >= 0 ? schedulers_[ at( op.scheduler ) ] : nullptr;
+   // Of an operation that is on no task, or no scheduler, the first; that one is not looked at.
+   model::Task* const task = tasks_[ at( std::max( op.task, 0 ) ) ];
+   model::Scheduler* const scheduler = schedulers_[ at( std::max( op.scheduler, 0 ) ) ];
    const bool on = op.number != 0;
    switch( op.what ) {
    case Do::schedule:
@@ -919,10 +920,13 @@ void Play::_really( Line& line ) {
 }
 
 bool Play::_do( const Operation& op ) {
-   TaskImpl* task = op.task >= 0 ? real_[ at( op.task ) ].task : nullptr;
-   TimerTask* timer = op.task >= 0 ? real_[ at( op.task ) ].timer : nullptr;
-   TaskScheduler* scheduler = op.scheduler >= 0 ? _schedulerOf( op.scheduler ) : nullptr;
-   auto* group = op.scheduler > 0 ? static_cast<TaskGroup*>( scheduler ) : nullptr;
+   // As above.
+   TaskImpl* const task = real_[ at( std::max( op.task, 0 ) ) ].task;
+   TimerTask* const timer = real_[ at( std::max( op.task, 0 ) ) ].timer;
+   TaskScheduler* const scheduler = _schedulerOf( std::max( op.scheduler, 0 ) );
+   const auto group = [ scheduler ]() -> TaskGroup& {
+      return static_cast<TaskGroup&>( *scheduler );
+   };
    const bool on = op.number != 0;
    const auto percent = static_cast<std::uint8_t>( op.number );
    switch( op.what ) {
@@ -1009,13 +1013,13 @@ bool Play::_do( const Operation& op ) {
       scheduler->suspendedIs( on );
       break;
    case Do::groupQuantum:
-      group->taskGroupQuantumIs( nanoseconds( op.number ) );
+      group().taskGroupQuantumIs( nanoseconds( op.number ) );
       break;
    case Do::multipleRuns:
-      group->tasksPermittedMultipleRunsIs( on );
+      group().tasksPermittedMultipleRunsIs( on );
       break;
    case Do::groupForceYield:
-      group->taskGroupForceYieldInTestIs( on );
+      group().taskGroupForceYieldInTestIs( on );
       break;
    case Do::defaultQuantum:
       scheduler->defaultTaskQuantumIs( nanoseconds( op.number ) );
@@ -1077,7 +1081,7 @@ bool Play::_do( const Operation& op ) {
       task->taskRunAndRecordFromTest();
       break;
    case Do::groupRunFromTest:
-      group->taskGroupRunFromTest();
+      group().taskGroupRunFromTest();
       break;
    case Do::count:
       break;
