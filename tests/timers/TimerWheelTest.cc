@@ -348,6 +348,7 @@ TEST( TimerWheelThreadTest, HandlerMayEndItsThread ) {
       bool handleTimeoutException() override { return asked = true; }
       bool asked = false;
    } handler;
+   const ManualTimerClock clock;
    bool goesOn = false;
    std::thread( [ & ] {
       const auto wheel = getTimerWheel();
