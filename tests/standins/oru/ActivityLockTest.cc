@@ -6,9 +6,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <array>
 #include <atomic>
 #include <thread>
-#include <vector>
 
 namespace {
 
@@ -40,9 +40,9 @@ TEST( ActivityLockTest, ReleaseWithoutOwningIsFatalAndChangesNothing ) {
 TEST( ActivityLockTest, OneThreadAtATime ) {
    ActivityLock& lock = ActivityLock::lock();
    int count = 0; // plain: the lock is what keeps the threads apart
-   std::vector<std::thread> threads;
-   for( int i = 0; i < 4; ++i ) {
-      threads.emplace_back( [ & ] {
+   std::array<std::thread, 4> threads;
+   for( std::thread& thread : threads ) {
+      thread = std::thread( [ & ] {
          for( int round = 0; round < 5000; ++round ) {
             lock.acquire();
             lock.acquire();

@@ -293,6 +293,7 @@ TEST_F( FileDescriptorTest, RefusalToWaitLeavesTheRun ) {
    ASSERT_EQ( getrlimit( RLIMIT_NOFILE, &limit ), 0 );
    int const null = open( "/dev/null", O_RDONLY | O_CLOEXEC );
    std::vector<Watched> many;
+   many.reserve( 20 );
    for( int i = 0; i < 20; ++i ) {
       many.push_back( watched( null, "a" ) );
    }
