@@ -13,9 +13,10 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-// Each library and program has one of its own, for its own counters.
-extern "C" void __gcov_dump();
-extern "C" void __gcov_reset();
+// Each library and program has one of its own, for its own counters. What the run time calls them is
+// reserved.
+extern "C" void dumpCounters() __asm__( "__gcov_dump" );
+extern "C" void resetCounters() __asm__( "__gcov_reset" );
 
 namespace {
 
@@ -42,7 +43,7 @@ void callInLibraries( char const* function ) {
 }
 
 void writeCounters() {
-   __gcov_dump();
+   dumpCounters();
    callInLibraries( "__gcov_dump" );
 }
 
@@ -69,7 +70,7 @@ void abort() noexcept {
 int raise( int signal ) noexcept {
    writeCounters();
    // What is counted from here on is added, if the process goes on.
-   __gcov_reset();
+   resetCounters();
    callInLibraries( "__gcov_reset" );
    return reinterpret_cast<int ( * )( int )>( dlsym( RTLD_NEXT, "raise" ) )( signal );
 }
