@@ -13,8 +13,8 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-// Each library and program has one of its own, for its own counters. What the run time calls them is
-// reserved.
+// Each library and program has one of its own, for its own counters. What the run time calls them
+// is reserved.
 extern "C" void dumpCounters() __asm__( "__gcov_dump" );
 extern "C" void resetCounters() __asm__( "__gcov_reset" );
 
