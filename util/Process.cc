@@ -65,7 +65,7 @@ String procTitle( const Handler& handler, int pid, bool quiet ) {
                          static_cast<int>( file.state ) );
          return {};
       }
-      const String title( ProcText::title( file.text ) );
+      String title( ProcText::title( file.text ) );
       if( title.empty() ) {
          QUARN_TRACE_AS( handler, 1, className, function, "error - Read 0 length title for pid:{}",
                          pid );
