@@ -19,8 +19,6 @@
 #include <thread>
 #include <utility>
 
-#include <pthread.h>
-
 namespace {
 
 using namespace Quarn;
@@ -340,24 +338,6 @@ TEST( TimerWheelThreadTest, EachThreadHasAWheel ) {
    } ).join();
    EXPECT_TRUE( other.expired() );
    EXPECT_EQ( ownersAfter, 1 ) << "one that nobody keeps";
-}
-
-TEST( TimerWheelThreadTest, HandlerMayEndItsThread ) {
-   struct Handler : Platform::TimeoutHandler {
-      void timeout() override { pthread_exit( nullptr ); }
-      bool handleTimeoutException() override { return asked = true; }
-      bool asked = false;
-   } handler;
-   const ManualTimerClock clock;
-   bool goesOn = false;
-   std::thread( [ & ] {
-      const auto wheel = getTimerWheel();
-      const auto control = Platform::getTimerControl( &handler, wheel );
-      control->setTimeout( 0 );
-      wheel->timeout();
-      goesOn = true;
-   } ).join();
-   EXPECT_FALSE( handler.asked || goesOn );
 }
 
 TEST( TimerWheelLoopTest, RealTimersAreNeverEarly ) {
