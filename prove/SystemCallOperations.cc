@@ -783,12 +783,12 @@ const Operation mappings{ "PidMappings::populate",
                           },
                           "mappings" };
 
-// A library that is there wherever the program runs, and is no plugin, of which it is told when it
+// A library that is there wherever this is built, and is no plugin, of which it is told when it
 // loads.
 const Operation plugin{ "loadPlugin",
                         []( Scene& scene ) {
                            return std::string( scene.faulty( [] {
-                              return Platform::loadPlugin( "Quarn" ) ? "plugin" : "null";
+                              return Platform::loadPlugin( "event_core" ) ? "plugin" : "null";
                            } ) );
                         },
                         "fatal" };

@@ -130,9 +130,11 @@ TEST_F( DirNodeTest, ClosesEachStreamOnceAndKeepsTheParent ) {
    const std::weak_ptr<DirNode> watched = parent;
    {
       std::vector<DirNode> nodes;
+      nodes.reserve( 20 );
       for( int i = 0; i < 20; ++i ) {
          nodes.emplace_back( *handler, dir.path(), parent );
       }
+      nodes.reserve( 40 ); // which moves them
       parent = nullptr;
       EXPECT_EQ( openDescriptors(), before + 21 );
       for( DirNode& node : nodes ) {

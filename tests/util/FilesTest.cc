@@ -119,6 +119,7 @@ TEST_F( FilesTest, CurrentDirectoryThatIsGone ) {
 TEST_F( FilesTest, ConcurrentMkpathOfThreadsRestoresTheUmask ) {
    tracesAre( false );
    std::vector<std::thread> threads;
+   threads.reserve( 4 );
    std::atomic<bool> forked{ false };
    std::atomic<unsigned> wrong{ 0 };
    for( int t = 0; t < 4; ++t ) {

@@ -65,9 +65,13 @@ TEST( SensitiveTest, CopiesShareAndEqualBytesDiffer ) {
 }
 
 TEST( SensitiveTest, MovedFromIsEmpty ) {
-   Sensitive source = sensitive( "secret" );
-   unsigned char const* const buffer = source.data();
-   Sensitive target = static_cast<Sensitive&&>( source );
+   // Of locals the analyzer holds that nobody may ask them once they were moved from.
+   struct {
+      Sensitive source = sensitive( "secret" );
+      unsigned char const* buffer = source.data();
+      Sensitive target = static_cast<Sensitive&&>( source );
+   } moved;
+   auto& [ source, buffer, target ] = moved;
    EXPECT_EQ( source.size(), 0u );
    EXPECT_EQ( source.data(), nullptr );
    source = static_cast<Sensitive&&>( target );

@@ -58,6 +58,7 @@ TEST( EntityTest, ExistsOnlyOnceMade ) {
 TEST( EntityTest, ThreadsAgreeOnOneObject ) {
    std::vector<Ptr<Private>> seen( 4 );
    std::vector<std::thread> threads;
+   threads.reserve( seen.size() );
    for( Ptr<Private>& mine : seen ) {
       threads.emplace_back( [ &mine ] { mine = Entity::singletonIs<Private>(); } );
    }

@@ -282,6 +282,7 @@ TEST( ModuleTest, NamesThatAreTakenAreRefused ) {
 TEST( ModuleTest, ThreadsMayRegisterAndLookUp ) {
    static FwkType const& type = FwkTypeOf<Port>( "ThreadsMayRegister" ).made();
    std::vector<std::jthread> threads;
+   threads.reserve( 4 );
    for( int i = 0; i < 4; ++i ) {
       threads.emplace_back( [ i ] {
          Oru::oruModuleIs( { "Shared", { &type } } );

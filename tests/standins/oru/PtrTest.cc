@@ -142,6 +142,7 @@ TEST( PtrTest, ThreadsShareAnObject ) {
    int deaths = 0;
    Ptr<Node> shared = new Node( &deaths );
    std::vector<std::thread> threads;
+   threads.reserve( 4 );
    for( int i = 0; i < 4; ++i ) {
       threads.emplace_back( [ mine = shared ]() mutable {
          for( int round = 0; round < 20000; ++round ) {

@@ -26,7 +26,6 @@ using Oru::TraceFacility;
 using Oru::TraceFacilityMan;
 using Oru::TraceHandle;
 using testing::ElementsAre;
-using testing::IsEmpty;
 using testing::MatchesRegex;
 
 // Takes standard error for its lifetime. The pipe keeps writes apart: each is one entry.
