@@ -1,13 +1,12 @@
 #include <OruQuarn/ClockTimer.h>
 
 #include "debug/Handlers.h"
+#include "platform/ThreadEnd.h"
 
 #include <Oru/ActivityManager.h>
 #include <Oru/System.h>
 
 #include <cmath>
-
-#include <cxxabi.h>
 
 namespace OruQuarn {
 
@@ -76,12 +75,9 @@ void ClockTimer::Notifiee::onAttribute( Oru::AttributeId id, void const* value )
    const Oru::Ptr<Notifiee> hold = this;
    try {
       _onTime();
-   } catch( const abi::__forced_unwind& ) {
-      // The end of the thread, which nothing may hold up.
-      throw;
    } catch( ... ) {
       // Without its timer the handler may be gone too, and is not asked.
-      if( !owner_ || !owner_->onNotificationException() ) {
+      if( Quarn::threadEnds() || !owner_ || !owner_->onNotificationException() ) {
          throw;
       }
       QUARN_TRACE( oruQuarnHandler, 9, "ClockTimer::Notifiee",

@@ -3,8 +3,7 @@
 #include <Quarn/base/Exception.h>
 
 #include "debug/Handlers.h"
-
-#include <cxxabi.h>
+#include "platform/ThreadEnd.h"
 
 namespace OruQuarn {
 
@@ -139,12 +138,9 @@ void FileDescriptor::Notifiee::_callHandler( Call call ) {
    Quarn::Platform::FdEventHandler& handler = *owner_->handler_;
    try {
       call( handler, owner_->getFd() );
-   } catch( const abi::__forced_unwind& ) {
-      // The end of the thread, which nothing may hold up.
-      throw;
    } catch( ... ) {
       // Without its control the handler may be gone too, and is not asked.
-      if( !owner_ || !handler.handleFdException( fd_ ) ) {
+      if( Quarn::threadEnds() || !owner_ || !handler.handleFdException( fd_ ) ) {
          throw;
       }
       QUARN_TRACE_AS( oruQuarnHandler, 9, "FileDescriptor", "onAttribute",

@@ -8,12 +8,11 @@
 #include "debug/Handlers.h"
 #include "platform/EventBase.h"
 #include "platform/Seconds.h"
+#include "platform/ThreadEnd.h"
 
 #include <cerrno>
 #include <cmath>
 #include <limits>
-
-#include <cxxabi.h>
 
 #include <fcntl.h>
 #include <sys/time.h>
@@ -37,17 +36,15 @@ void callHandler( ControlLife& life, Call call, Ask ask ) {
    try {
       try {
          call();
-      } catch( const abi::__forced_unwind& ) {
-         throw;
       } catch( ... ) {
-         if( !watch.alive() || !ask() ) {
+         if( threadEnds() || !watch.alive() || !ask() ) {
             throw;
          }
       }
-   } catch( const abi::__forced_unwind& ) {
-      // The end of the thread, which nothing may hold up.
-      throw;
    } catch( ... ) {
+      if( threadEnds() ) {
+         throw;
+      }
       Platform::escapeFromCallback();
    }
 }

@@ -5,8 +5,7 @@
 #include <Quarn/scheduler/TaskScheduler.h>
 
 #include "debug/Handlers.h"
-
-#include <cxxabi.h>
+#include "platform/ThreadEnd.h"
 
 namespace Quarn::Platform {
 
@@ -61,10 +60,8 @@ void TaskFdControl::_notify() {
    const long held = taskCurrentlyRunningReadable() || taskCurrentlyRunningWritable() ? 1 : 0;
    try {
       ( handler->*notification )( fd );
-   } catch( const abi::__forced_unwind& ) {
-      throw;
    } catch( ... ) {
-      if( self.use_count() <= held || !handler->handleFdException( fd ) ) {
+      if( threadEnds() || self.use_count() <= held || !handler->handleFdException( fd ) ) {
          throw;
       }
    }

@@ -58,6 +58,7 @@ HEADERS = {
     "platform/Controls": "platform_lower",
     "platform/EventHandlers": "platform_lower",
     "platform/Factories": "platform_lower",
+    "platform/ThreadEnd": "platform_lower",
     "platform/Time": "platform_lower",
     "scheduler/TaskScheduler": "scheduler",
 }

@@ -7,9 +7,8 @@
 
 #include "debug/Handlers.h"
 #include "platform/ControlLife.h"
+#include "platform/ThreadEnd.h"
 #include "util/ThreadSlot.h"
-
-#include <cxxabi.h>
 
 namespace Quarn {
 
@@ -36,11 +35,9 @@ class TimerWheelTimerControl final : public Platform::TimerControl, public Timer
       ControlLife::Watch watch( life_ );
       try {
          handler->timeout();
-      } catch( const abi::__forced_unwind& ) {
-         throw;
       } catch( ... ) {
          // With the control gone the handler may be gone too, and is not asked.
-         if( !watch.alive() || !handler->handleTimeoutException() ) {
+         if( threadEnds() || !watch.alive() || !handler->handleTimeoutException() ) {
             throw;
          }
          QUARN_TRACE( Platform::timerWheelHandler, 9, "TimerWheelTimerControl",

@@ -5,6 +5,8 @@
 
 #include <Quarn/base/Exception.h>
 #include <Quarn/base/ThreadControl.h>
+#include <Quarn/scheduler/TaskSchedulerRoot.h>
+#include <Quarn/timers/TimerWheel.h>
 
 #include "support/Fatal.h"
 #include "support/TraceCapture.h"
@@ -20,6 +22,7 @@
 #include <thread>
 
 #include <fcntl.h>
+#include <pthread.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -393,6 +396,53 @@ TEST( ExceptionRuleTest, EveryKindOfHandlerIsAsked ) {
    fd->setWrites( true );
    Platform::doEventLoop();
    EXPECT_EQ( fds.asked, 2 );
+}
+
+// The end of a thread unwinds its stack as an exception does, and no hook may hold it up.
+TEST( ExceptionRuleTest, HandlersMayEndTheirThread ) {
+   Timeouts timeouts;
+   timeouts.on = [] { pthread_exit( nullptr ); };
+   Callbacks callbacks;
+   callbacks.on = timeouts.on;
+   Fds fds;
+   fds.onWrite = []( int ) { pthread_exit( nullptr ); };
+   timeouts.swallow = callbacks.swallow = fds.swallow = true;
+   Pipe pipe;
+   const auto writesOf = [ & ]( std::shared_ptr<FdControl> control ) {
+      control->setReads( false );
+      control->setFd( pipe.ends[ 1 ] );
+      control->setWrites( true );
+      return control;
+   };
+   const auto due = []( std::shared_ptr<TimerControl> control ) {
+      control->setTimeout( 0 );
+      return control;
+   };
+   const std::function<std::shared_ptr<void>()> kinds[] = {
+         [ & ] { return due( getTimerControl( &timeouts ) ); },
+         [ & ] { return due( getTimerControl( &timeouts, getTimerWheel() ) ); },
+         [ & ] {
+            auto control = getCallbackControl( &callbacks );
+            control->requestCallback();
+            return control;
+         },
+         [ & ] { return writesOf( getFdControl( &fds ) ); },
+         [ & ] {
+            return writesOf(
+                  getFdControl( &fds, schedulerRootQuarn(), TaskPriority::normal, "watch" ) );
+         },
+   };
+   for( const auto& kind : kinds ) {
+      bool goesOn = false;
+      std::thread( [ & ] {
+         const std::shared_ptr<void> control = kind();
+         doEventLoop();
+         goesOn = true;
+      } ).join();
+      EXPECT_FALSE( goesOn ) << "kind " << &kind - kinds;
+   }
+   EXPECT_EQ( timeouts.fired + callbacks.called + fds.writes, 5 );
+   EXPECT_EQ( timeouts.asked + callbacks.asked + fds.asked, 0 );
 }
 
 TEST( LibeventLoopTest, CallersOwnDispatchGetsTheExceptionDirectly ) {
