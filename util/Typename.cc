@@ -4,6 +4,7 @@
 #include <array>
 #include <bit>
 #include <cstdint>
+#include <cstring>
 #include <string_view>
 
 #include <dlfcn.h>
@@ -22,7 +23,10 @@ static_assert( word == sizeof( std::uint64_t ) );
 
 template<typename T>
 T const* at( std::uint64_t address ) {
-   return std::bit_cast<T const*>( address );
+   // As std::bit_cast does it, which clang-tidy 14 does not survive.
+   T const* pointer = nullptr;
+   std::memcpy( &pointer, &address, sizeof( pointer ) );
+   return pointer;
 }
 
 // For functions that read what is mapped, wherever a sanitizer sees the bounds of objects in it.
