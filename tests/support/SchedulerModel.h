@@ -22,6 +22,7 @@
 #include <set>
 #include <stdexcept>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -105,6 +106,8 @@ struct Task {
    bool running = false;
    bool timing = false;
    double expiry = never;
+   // Among timers of one time.
+   std::uint64_t timerPlace = 0;
    // What its owner was told last, and how often it was told.
    bool toldBusy = false;
    unsigned busyCalls = 0;
@@ -356,7 +359,12 @@ class Model {
          _happens( "unschedule", t );
          _dequeue( t );
       }
-      t.expiry = clock + delay;
+      // A start for the time that it has anyway keeps its place.
+      const double expiry = clock + delay;
+      if( !t.timing || expiry != t.expiry ) {
+         t.timerPlace = ++timerPlaces_;
+      }
+      t.expiry = expiry;
       if( !t.timing ) {
          t.timing = true;
          _countTimer( *t.scheduler, true );
@@ -384,7 +392,9 @@ class Model {
       for( ;; ) {
          Task* due = nullptr;
          for( const auto& t : tasks_ ) {
-            if( t->timing && t->expiry <= clock && ( !due || t->expiry < due->expiry ) ) {
+            if( t->timing && t->expiry <= clock &&
+                ( !due || std::tie( t->expiry, t->timerPlace ) <
+                                std::tie( due->expiry, due->timerPlace ) ) ) {
                due = t.get();
             }
          }
@@ -952,6 +962,7 @@ class Model {
    std::vector<std::unique_ptr<Scheduler>> groups_;
    unsigned jitterSeed_ = 0;
    std::uint64_t depth_ = 0;
+   std::uint64_t timerPlaces_ = 0;
 };
 
 } // namespace testing_support::model
