@@ -42,8 +42,7 @@ std::string refused( char const* step ) { return std::string( step ) + ": " + st
 
 // The namespace "default", made by a thread, so that this one stays where it is.
 std::string makeDefault() {
-   if( unshare( CLONE_NEWNS ) != 0 ||
-       mount( "none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr ) ) {
+   if( unshare( CLONE_NEWNS ) != 0 || mount( "none", "/", "none", MS_REC | MS_PRIVATE, nullptr ) ) {
       return refused( "no mounts of its own" );
    }
    if( mount( "none", "/var/run", "tmpfs", 0, nullptr ) != 0 ) {
@@ -55,7 +54,7 @@ std::string makeDefault() {
    std::thread( [ &result ] {
       if( unshare( CLONE_NEWNET ) != 0 ) {
          result = refused( "no network namespace" );
-      } else if( mount( "/proc/thread-self/ns/net", "/var/run/netns/default", nullptr, MS_BIND,
+      } else if( mount( "/proc/thread-self/ns/net", "/var/run/netns/default", "none", MS_BIND,
                         nullptr ) != 0 ) {
          result = refused( "no name for a network namespace" );
       }
