@@ -8,9 +8,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <array>
 #include <csignal>
 #include <cstdio>
 #include <fcntl.h>
+#include <poll.h>
 #include <stdexcept>
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -300,8 +302,17 @@ TEST_F( FileDescriptorTest, RefusalToWaitLeavesTheRun ) {
    auto const due = alarmIn( 0, "due" );
    rlimit const lower{ 10, limit.rlim_max };
    ASSERT_EQ( setrlimit( RLIMIT_NOFILE, &lower ), 0 );
-   EXPECT_THROW( manager->doRun(), Quarn::RuntimeException );
+   // Valgrind keeps the limit to itself, and the run would have no end.
+   std::array<pollfd, 20> beyond{};
+   const bool refuses = poll( beyond.data(), beyond.size(), 0 ) < 0;
+   if( refuses ) {
+      EXPECT_THROW( manager->doRun(), Quarn::RuntimeException );
+   }
    EXPECT_EQ( setrlimit( RLIMIT_NOFILE, &limit ), 0 );
+   if( !refuses ) {
+      close( null );
+      GTEST_SKIP() << "poll() takes more descriptors than the limit";
+   }
    many.resize( 1 );
    EXPECT_THAT( turn(), ElementsAre( "ar1", "due" ) );
    close( null );
