@@ -237,8 +237,7 @@ TEST( FdControlTest, HandlerMayDestroyItsControl ) {
    }
 }
 
-// -------------------------------------------------------------------------------- timers,
-// callbacks
+// ------------------------------------------------------------------------------ timers, callbacks
 
 TEST( TimerControlTest, FiresOnceAndTellsWhatIsLeft ) {
    Timeouts handler;

@@ -46,7 +46,7 @@ class ORUQUARN_API TaskNameRegex {
    //         becomes too large when its counted repeats are written out, makes the filter invalid
    //         and is reported on standard error. So does one that finds no memory, or needs more
    //         stack than the thread has left; the largest takes 1.3 MiB. A thread whose stack the
-   //         system does not tell counts as one with 8 MiB left.
+   //         system does not tell counts as one with 4 MiB left.
    explicit TaskNameRegex( const String& pattern ) noexcept;
    ~TaskNameRegex();
 
@@ -64,7 +64,8 @@ class ORUQUARN_API TaskNameRegex {
    // with answers of its own. Nothing matches an invalid filter.
    //
    // An expression with back-references matches no text of more than 512 bytes, and none that would
-   // need most of the thread's stack. It is the one kind whose time can still be exponential.
+   // need most of the thread's stack or 3 MiB of it. It is the one kind whose time can still be
+   // exponential.
    //
    // Ownership: the filter shares the storage of each text that it was asked about.
    // Errors: `std::bad_alloc`; asking again tries again.
