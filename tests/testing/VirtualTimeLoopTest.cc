@@ -156,10 +156,22 @@ TEST( VirtualTimeLoopTest, AdvanceRunsAllThatIsDueAtItsEnd ) {
    loop.clearRunLog();
    WheelTimer first( [ & ] { tasks[ 0 ]->scheduleTask(); } );
    WheelTimer second( [ & ] { tasks[ 1 ]->scheduleTask(); } );
-   first.start( 0.0 );
-   second.start( 0.0 );
-   loop.advance( 0.0 );
+   first.start( 60.0 );
+   second.start( 60.0 );
+   loop.advance( 60.0 );
    EXPECT_THAT( loop.runLog(), ElementsAre( "a", "b" ) );
+   loop.clearRunLog();
+   if( hasThreadLocalSingletons() ) {
+      // A handler takes all the time that is left, and more.
+      WheelTimer slow( [] {
+         const timeval hour{ 3600, 0 };
+         applyFastForwardDelta( &hour );
+      } );
+      slow.start( 60.0 );
+      second.start( 120.0 );
+      loop.advance( 180.0 );
+      EXPECT_THAT( loop.runLog(), ElementsAre( "b" ) );
+   }
    // One that never ends keeps nobody.
    tasks[ 0 ]->bodyIs( []( FunctionTask& task ) { task.scheduleTask(); } );
    tasks[ 0 ]->scheduleTask();
@@ -191,6 +203,8 @@ TEST( VirtualTimeLoopTest, OneTurnRunsOneTask ) {
 TEST( VirtualTimeLoopTest, LogHasTheMembersOfTaskGroups ) {
    VirtualTimeLoop loop;
    const auto group = TaskGroup::TaskGroupIs( "group", TaskPriority::normal, false, loop.root() );
+   // However slow the machine is.
+   group->taskGroupQuantumIs( std::chrono::hours( 1 ) );
    const auto again = [ & ]( FunctionTask& task ) {
       if( task.taskRunCount() < 2 ) {
          task.scheduleTask();
