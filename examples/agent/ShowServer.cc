@@ -169,9 +169,13 @@ void ShowServer::_giveUpOverdue() {
    for( auto next = sessions_.begin(); next != sessions_.end(); ) {
       Entry& entry = *next++;
       if( _deadline( entry ) <= now ) {
+         const auto session = entry.session;
+         if( !session->asked() && session->takeRecord() ) {
+            // It was the agent who was late.
+            continue;
+         }
          // It may end at once, which leaves a place, or be there for another while.
          entry.since = now;
-         const auto session = entry.session;
          session->giveUp();
       }
    }

@@ -95,16 +95,16 @@ void ShowSession::giveUp() {
 
 void ShowSession::taskExecuteReadable() {
    if( step_ == Step::waiting ) {
-      _takeRecord();
+      takeRecord();
    } else if( step_ == Step::draining ) {
       _drainSome();
    }
 }
 
-void ShowSession::_takeRecord() {
+bool ShowSession::takeRecord() {
    Show::Received received = Show::peekRecord( client_.get() );
    if( received.state == Show::Received::State::nothing ) {
-      return;
+      return false;
    }
    taskWatchFdDel();
    const bool isPipe = received.passed.valid() && isPipeWriteEnd( received.passed.get() );
@@ -114,13 +114,18 @@ void ShowSession::_takeRecord() {
    }
    closer_->close( std::move( client_ ) );
    if( received.state == Show::Received::State::ended ) {
-      return _end( Outcome::nothing );
-   }
-   if( !isPipe ) {
+      _end( Outcome::nothing );
+   } else if( !isPipe ) {
       QUARN_FMTRACE( *debug_, 1, "ShowSession", "a request without the write end of a pipe" );
-      return _end( Outcome::refused );
+      _end( Outcome::refused );
+   } else {
+      pipe_ = std::move( received.passed );
+      _takeRequest( received );
    }
-   pipe_ = std::move( received.passed );
+   return true;
+}
+
+void ShowSession::_takeRequest( const Show::Received& received ) {
    if( received.surplus ) {
       return _refuse( "more than one descriptor came with the request" );
    }

@@ -37,6 +37,10 @@ class ShowSession final : public Quarn::FileDescriptorTask {
    // Whether the client has sent its record.
    bool asked() const { return step_ != Step::waiting; }
 
+   // Takes the record of a client that has not asked yet, if it has come by now, and answers it.
+   // Returns whether it had, or the client was gone; the session may have ended then.
+   bool takeRecord();
+
    // Ends the session at once, where that can be done. The scheduler keeps the descriptor of a JSON
    // document until all of it is written, so the session then reads the pipe empty itself, in the
    // client's place, and ends with the document. Nothing happens while the pipe cannot be opened;
@@ -48,7 +52,7 @@ class ShowSession final : public Quarn::FileDescriptorTask {
 
    void taskExecuteReadable() override;
    void taskExecuteWritable() override;
-   void _takeRecord();
+   void _takeRequest( const Show::Received& received );
    void _answer( const Show::Request& request );
    void _answerText( const Show::Request& request );
    void _answerJson( const Show::Request& request );
