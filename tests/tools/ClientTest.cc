@@ -190,7 +190,7 @@ TEST( ClientThreadTest, SignalsNeitherEndNorProlongTheWaitForAnAgent ) {
       waiting.push_back( Show::connectTo( uniqueName(), limit ) );
       return waiting.back().valid();
    };
-   while( connect( std::chrono::milliseconds( 1 ) ) ) {
+   while( connect( std::chrono::milliseconds( 100 ) ) ) {
    }
    ASSERT_EQ( errno, EAGAIN );
    underSignals( [ & ] {
