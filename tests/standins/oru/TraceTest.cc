@@ -11,6 +11,7 @@
 #include <fcntl.h>
 #include <initializer_list>
 #include <memory>
+#include <ostream>
 #include <sstream>
 #include <string>
 #include <sys/wait.h>
@@ -93,6 +94,11 @@ class ScopedFacility {
 struct SettingsCase {
    char const* trace;
    std::vector<std::pair<char const*, unsigned>> masks;
+
+   // Names the case in lists of tests.
+   friend void PrintTo( SettingsCase const& settings, std::ostream* out ) {
+      *out << '"' << settings.trace << '"';
+   }
 };
 
 class TraceSettingsTest : public testing::TestWithParam<SettingsCase> {};
