@@ -557,7 +557,8 @@ prove::Outcome soak( const prove::Order& order ) {
          std::cerr << "day " << n + 1 << ": " << live[ n ] << " bytes\n";
       }
    }
-   return { most == 0 && seconds < realSecondsMax,
+   // Nothing at all would be memory that is not counted.
+   return { most == 0 && live.back() > 0 && seconds < realSecondsMax,
             fmt::format( "{} days in {:.1f} s, {} runs and {} reports as the model says, memory of "
                          "a day differs by {} of {} bytes",
                          order.count, seconds, agent.runs(), agent.reports(), most, live.back() ) };

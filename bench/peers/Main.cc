@@ -121,8 +121,11 @@ Cells measure( const Row& row, std::size_t rowNumber, int passes ) {
             continue;
          }
          for( std::size_t step = 0; step < taken.size(); ++step ) {
-            cells[ step ][ side ].ns.push_back( taken[ step ].ns );
-            cells[ step ][ side ].looksPerUnit = taken[ step ].looksPerUnit;
+            Cell& cell = cells[ step ][ side ];
+            cell.looksPerUnit = cell.ns.empty()
+                                      ? taken[ step ].looksPerUnit
+                                      : std::min( cell.looksPerUnit, taken[ step ].looksPerUnit );
+            cell.ns.push_back( taken[ step ].ns );
          }
       }
    }
