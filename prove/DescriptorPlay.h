@@ -153,7 +153,6 @@ class DescriptorPlay {
    void _step();
    bool _runs();
    void _called( Listener& listener, int fd, Direction direction );
-   void _reads( Connection& connection );
    std::vector<Due> _due() const;
    bool _isOwed( const Due& due ) const;
    bool _numbersAgree();

@@ -4,7 +4,7 @@
 // to fail with the functions below; or, as LD_PRELOAD, in front of any other program, which is told
 // by the environment, a call, an errno and a number:
 //
-//     PROVE_FAULTS='openat:24:1' LD_PRELOAD=libprove_faults.so program
+//     PROVE_FAULTS='open:24:1' LD_PRELOAD=libprove_faults.so program
 //
 // Calls are named as the C library names them; of `fcntl` with the command behind it
 // ("fcntl(F_GETFL)"), of `syscall` with the number ("syscall(SYS_kcmp)"), and "write(stderr)" for

@@ -81,7 +81,7 @@ Played<Counts> playOn( const Game<Counts>& game, std::uint64_t count, std::uint6
    Played<Counts> played;
    for( ; played.sum.operations < count; ++played.plays ) {
       const std::uint64_t playSeed = ( seed + played.plays ) % frameworkSeeds;
-      std::mt19937_64 random( seed + played.plays );
+      std::mt19937_64 random( playSeed + ( framework ? frameworkSeeds : 0 ) );
       Play<Counts> play{ .random = random, .left = count - played.sum.operations };
       bool good = false;
       try {
@@ -107,7 +107,7 @@ Played<Counts> playOn( const Game<Counts>& game, std::uint64_t count, std::uint6
 template<typename Counts>
 Outcome outcome( const Game<Counts>& game, const Order& order ) {
    auto [ first, second ] = onBothLoops<Played<Counts>>( [ & ]( bool framework ) {
-      return framework ? playOn( game, order.count / 2, order.seed + frameworkSeeds, true )
+      return framework ? playOn( game, order.count / 2, order.seed, true )
                        : playOn( game, order.count - order.count / 2, order.seed, false );
    } );
    if( !first.good || !second.good ) {

@@ -13,7 +13,7 @@
 // repeats the run, so that a crash has its seed too; the last is the row, one JSON object:
 //
 //     {"row": 8, "name": "timers", "figure": "...", "goal": "...", "count": N, "ok": true,
-//      "repeat": "build/prove/prove_timers --count N --seed S"}
+//      "repeat": "build/lean/prove/prove_timers --count N --seed S"}
 
 #pragma once
 
