@@ -169,14 +169,13 @@ void ShowServer::_giveUpOverdue() {
    for( auto next = sessions_.begin(); next != sessions_.end(); ) {
       Entry& entry = *next++;
       if( _deadline( entry ) <= now ) {
-         const auto session = entry.session;
-         if( !session->asked() && session->takeRecord() ) {
-            // It was the agent who was late.
-            continue;
-         }
          // It may end at once, which leaves a place, or be there for another while.
          entry.since = now;
-         session->giveUp();
+         const auto session = entry.session;
+         // If its record is there, it was the agent who was late.
+         if( session->asked() || !session->takeRecord() ) {
+            session->giveUp();
+         }
       }
    }
    double first = std::numeric_limits<double>::infinity();

@@ -21,7 +21,8 @@ class ShowServer final : public Quarn::FileDescriptorTask {
    static constexpr std::size_t sessionsMax = 4;
 
    // How many seconds a client may take to ask; then to read, from its coming; and to read while
-   // all places are taken and somebody waits for one.
+   // all places are taken and somebody waits for one. A record that is there when the first is over
+   // is answered all the same, and the time to read begins then.
    struct Patience {
       double toAsk = 2.0;
       double toRead = 30.0;
@@ -59,7 +60,7 @@ class ShowServer final : public Quarn::FileDescriptorTask {
 
    struct Entry {
       std::shared_ptr<ShowSession> session;
-      // When it came, or was last given up, on the clock of timers.
+      // When it came, or its time was last over, on the clock of timers.
       double since;
    };
 

@@ -94,14 +94,17 @@ void ShowSession::giveUp() {
 }
 
 void ShowSession::taskExecuteReadable() {
-   if( step_ == Step::waiting ) {
-      takeRecord();
-   } else if( step_ == Step::draining ) {
+   if( step_ == Step::draining ) {
       _drainSome();
+   } else {
+      takeRecord();
    }
 }
 
 bool ShowSession::takeRecord() {
+   if( asked() ) {
+      return false;
+   }
    Show::Received received = Show::peekRecord( client_.get() );
    if( received.state == Show::Received::State::nothing ) {
       return false;

@@ -37,8 +37,8 @@ class ShowSession final : public Quarn::FileDescriptorTask {
    // Whether the client has sent its record.
    bool asked() const { return step_ != Step::waiting; }
 
-   // Takes the record of a client that has not asked yet, if it has come by now, and answers it.
-   // Returns whether it had, or the client was gone; the session may have ended then.
+   // Takes the record, if it has come by now, and answers it. Returns whether it had, or the client
+   // was gone: the session may have ended then. False when the client has asked before.
    bool takeRecord();
 
    // Ends the session at once, where that can be done. The scheduler keeps the descriptor of a JSON

@@ -410,6 +410,18 @@ TEST_F( ShowTest, ClientThatDoesNotAskIsGivenUpLongBeforeAReader ) {
    EXPECT_EQ( Show::parseAnswer( Kind::text, read( reader ) ).state, State::whole );
 }
 
+TEST_F( ShowTest, AgentThatWasHeldUpAnswersWhoAskedMeanwhile ) {
+   fill();
+   Pipe pipe;
+   const Descriptor client = connect();
+   turnsUntil( [ & ] { return server_->sessions() == 1; } );
+   EXPECT_TRUE( Show::sendRecord( client.get(), "text all", pipe.writeEnd.get() ) );
+   pipe.writeEnd.reset();
+   const timeval hour{ 3600, 0 };
+   Quarn::applyFastForwardDelta( &hour );
+   EXPECT_EQ( Show::parseAnswer( Kind::text, read( pipe ) ).state, State::whole );
+}
+
 TEST_F( ShowTest, NameIsFreeAgainWhenItsAgentHasStopped ) {
    const auto second = std::make_shared<ShowServer>( root_, name_ );
    EXPECT_EQ( second->refusal(), "another agent has the name '" + name_ + "'" );
