@@ -139,7 +139,7 @@ TEST_F( FdToStreamTest, DescriptorThatPassesIsClosedWhateverFails ) {
    }
 }
 
-TEST_F( FdToStreamTest, SignalsAndSlowReadersLoseNothing ) {
+TEST_F( FdToStreamTest, SignalsOfAThreadAndSlowReadersLoseNothing ) {
    struct sigaction action = {};
    action.sa_handler = []( int ) {};
    sigaction( SIGUSR1, &action, nullptr ); // without SA_RESTART

@@ -264,7 +264,9 @@ TEST( TimerControlTest, StrangeDelays ) {
    const auto control = getTimerControl( &handler, EventPriority::eventPriorityStrictHigh );
    for( const double now : { -1.0, -infinity, -0.0, 1e-9 } ) {
       control->setTimeout( now );
-      EXPECT_EQ( control->remainingTimeout(), 0.0 ) << now;
+      // None, and as far as libevent's readings of two clocks may be apart.
+      EXPECT_GE( control->remainingTimeout(), 0.0 ) << now;
+      EXPECT_LT( control->remainingTimeout(), 0.5 ) << now;
    }
    for( const double late : { 1e15, 1e19, 1.7e308 } ) {
       control->setTimeout( late );

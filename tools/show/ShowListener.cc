@@ -18,9 +18,6 @@ namespace Show {
 
 namespace {
 
-// Clients beyond those that the agent serves wait here.
-constexpr int backlog = 16;
-
 Descriptor bindAs( std::string_view agent ) {
    const auto debug = Quarn::Platform::getDebugHandler( "HostAgent", false );
    try {
@@ -42,7 +39,7 @@ Descriptor listenAs( std::string_view agent ) {
    Descriptor listening = bindAs( agent );
    const int fd = listening.get();
    if( fcntl( fd, F_SETFD, FD_CLOEXEC ) != 0 || fcntl( fd, F_SETFL, O_NONBLOCK ) != 0 ||
-       listen( fd, backlog ) != 0 ) {
+       listen( fd, waitingMax ) != 0 ) {
       throw std::system_error( errno, std::generic_category(), "cannot listen" );
    }
    return listening;

@@ -9,6 +9,9 @@
 
 namespace Show {
 
+// So many clients may wait to be accepted; Linux lets one more in.
+constexpr int waitingMax = 16;
+
 // A socket that listens under the agent's name, a valid one, non-blocking and closed on exec. It is
 // in the system's default network namespace where the process may enter that, else in the thread's.
 //

@@ -110,7 +110,7 @@ TEST( StringPoolTest, ThreadsMayDedupCopyAndDropTheSameNames ) {
    EXPECT_EQ( stringPoolSizeForTest(), before );
 }
 
-TEST( StringPoolTest, ALookUpRevivesANameWhoseLastUserIsLeaving ) {
+TEST( StringPoolTest, ConcurrentLookUpRevivesANameWhoseLastUserIsLeaving ) {
    // One name that all threads take and drop at once, so that drops often meet a look-up.
    constexpr std::string_view text = "the one name that everybody uses";
    std::size_t const before = stringPoolSizeForTest();

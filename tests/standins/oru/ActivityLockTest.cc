@@ -14,7 +14,7 @@ namespace {
 
 using Oru::ActivityLock;
 
-TEST( ActivityLockTest, IsOwnedUntilReleasedAsOftenAsAcquired ) {
+TEST( ActivityLockTest, ThreadOwnsItUntilReleasedAsOftenAsAcquired ) {
    ActivityLock& lock = ActivityLock::lock();
    EXPECT_EQ( &lock, &ActivityLock::lock() );
    EXPECT_FALSE( lock.ownedByThisThread() );

@@ -178,7 +178,7 @@ TEST_F( ActivityLoopTest, WaitsOnTheRealClockWithoutVirtualTime ) {
 }
 
 // The thread gets the lock in a wait only, and ends the wait through the pipe.
-TEST_F( ActivityLoopTest, OthersGetTheLockDuringTheWait ) {
+TEST_F( ActivityLoopTest, OtherThreadsGetTheLockDuringTheWait ) {
    Pipe p;
    bool handling = false; // plain: the lock keeps the threads apart
    std::thread other;
@@ -202,7 +202,7 @@ TEST_F( ActivityLoopTest, OthersGetTheLockDuringTheWait ) {
    EXPECT_FALSE( ActivityLock::lock().ownedByThisThread() );
 }
 
-TEST_F( ActivityLoopTest, LockOfTheCallerIsKeptDuringTheWait ) {
+TEST_F( ActivityLoopTest, LockOfTheCallingThreadIsKeptDuringTheWait ) {
    std::atomic<bool> got{ false };
    std::thread other;
    auto const starts = alarmIn( 0, "starts", [ & ] {
@@ -259,7 +259,7 @@ bool sleeps( pid_t thread ) {
    return name != std::string::npos && line.compare( name, 4, ") S " ) == 0;
 }
 
-TEST_F( ActivityLoopTest, WaitingForTheLockIsNotRunningTheLoop ) {
+TEST_F( ActivityLoopTest, ThreadThatWaitsForTheLockIsNotRunningTheLoop ) {
    ActivityLock::lock().acquire();
    std::atomic<pid_t> thread{ 0 };
    auto const a = alarmIn( 1, "a" );
