@@ -111,8 +111,8 @@ VirtualTimeLoop::~VirtualTimeLoop() {
 void VirtualTimeLoop::advance( double seconds ) {
    Platform::doEventLoop( seconds );
    if( seconds > 0.0 ) {
-      // The handlers before may have taken the rest of the time for themselves, and a wheel's
-      // timer was armed again meanwhile. It has what is due by now.
+      // The handlers before may have taken the rest of the time for themselves, while a wheel's
+      // timer was armed for what is due by now.
       Platform::doEventLoop( 0.0 );
    }
    // Timers of the last moment have queued their tasks, whose runs take a turn each. As many as

@@ -62,8 +62,9 @@ class ORUQUARN_API VirtualTimeLoop {
    // run in this loop as well but are not in the log.
    const std::shared_ptr<TaskSchedulerRoot>& root() const { return root_; }
 
-   // Runs the loop for so many seconds of virtual time: what is due by then has run, at its time.
-   // 0 and less runs what is due now. What that schedules may be left for later.
+   // Runs the loop for so many seconds of virtual time: what is due by then has run, at its time,
+   // or later where what ran before took longer. 0 and less runs what is due now. What runs last
+   // may leave what it schedules for later.
    void advance( double seconds );
 
    // Runs the loop until nothing is due. Time does not jump: timers that are armed for later stay.
