@@ -417,8 +417,10 @@ TEST_F( ShowTest, AgentThatWasHeldUpAnswersWhoAskedMeanwhile ) {
    turnsUntil( [ & ] { return server_->sessions() == 1; } );
    EXPECT_TRUE( Show::sendRecord( client.get(), "text all", pipe.writeEnd.get() ) );
    pipe.writeEnd.reset();
-   const timeval hour{ 3600, 0 };
-   Quarn::applyFastForwardDelta( &hour );
+   if( Quarn::hasThreadLocalSingletons() ) {
+      const timeval hour{ 3600, 0 };
+      Quarn::applyFastForwardDelta( &hour );
+   }
    EXPECT_EQ( Show::parseAnswer( Kind::text, read( pipe ) ).state, State::whole );
 }
 
