@@ -24,6 +24,8 @@ from dataclasses import dataclass, field
 from pathlib import Path
 
 ROOT = Path(__file__).resolve().parent.parent
+# What failing rows have said.
+SAID = ROOT / "build" / "prove-said"
 TIERS = ("fast", "default", "long")
 
 # More than any row needs on two cores, so that one that hangs is told and ends.
@@ -86,9 +88,9 @@ class Proof:
             process = subprocess.Popen(
                 [str(word) for word in command],
                 cwd=ROOT,
-                # What somebody looked into by hand is not to make a row smaller.
+                # What somebody looks into by hand is not to make a row another.
                 env={**{name: value for name, value in os.environ.items()
-                        if not name.startswith("PROVE_")}, **environment},
+                        if not re.match("PROVE_|ORUQUARN_TEST_|TARGETS$", name)}, **environment},
                 stdin=subprocess.DEVNULL,
                 stdout=subprocess.PIPE,
                 stderr=subprocess.STDOUT,
@@ -278,6 +280,9 @@ def coverage_of(proof):
     lowest = min(folders.items(), key=lambda item: item[1])
     figure = ("below: " + ", ".join(missed)) if missed else (
         f"lowest {lowest[0]} {lowest[1][0]:.1f}/{lowest[1][1]:.1f}")
+    if status != 0 and not missed:
+        tell("coverage", said)
+        figure = ended(status)
     return Outcome(1, "coverage", status == 0 and not missed, figure,
                    "97/90 core, 93/85 elsewhere", "scripts/coverage")
 
@@ -290,19 +295,22 @@ def ended(status, well="nothing said"):
 
 def tell(who, said):
     """Shows the end of what a program said, and where all of it is."""
-    folder = ROOT / "build" / "prove-said"
-    folder.mkdir(parents=True, exist_ok=True)
     name = re.sub(r"[^a-z0-9]+", "-", who.lower())[:60].strip("-")
-    for number in itertools.count(1):
-        try:
-            with open(folder / f"{name}-{number}.txt", "x", encoding="utf-8") as file:
-                file.write(said)
-            break
-        except FileExistsError:
-            pass
+    try:
+        SAID.mkdir(parents=True, exist_ok=True)
+        for number in itertools.count(1):
+            file = SAID / f"{name}-{number}.txt"
+            try:
+                with open(file, "x", encoding="utf-8") as out:
+                    out.write(said)
+                break
+            except FileExistsError:
+                pass
+        where = f"all of it in {file.relative_to(ROOT)}"
+    except OSError as error:
+        where = f"the end of it, since {error}"
     tail = "\n".join(said.strip().splitlines()[-60:])
-    print(f"\n---- {who}, all of it in {Path(file.name).relative_to(ROOT)}:\n{tail}\n----",
-          file=sys.stderr, flush=True)
+    print(f"\n---- {who}, {where}:\n{tail}\n----", file=sys.stderr, flush=True)
 
 
 def table(outcomes):
