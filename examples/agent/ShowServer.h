@@ -21,8 +21,8 @@ class ShowServer final : public Quarn::FileDescriptorTask {
    static constexpr std::size_t sessionsMax = 4;
 
    // How many seconds a client may take to ask; then to read, from its coming; and to read while
-   // all places are taken and somebody waits for one. A record that is there when the first is over
-   // is answered all the same, and the time to read begins then.
+   // all places are taken and somebody waits for one. A record that is there unread when the first
+   // is over, for the agent was held up, is answered all the same; the time to read begins then.
    struct Patience {
       double toAsk = 2.0;
       double toRead = 30.0;
