@@ -39,7 +39,9 @@ constinit int counted = 0;
 constinit int hits = 0;
 constinit bool namespacesAreFree = false;
 constinit bool typesAreUnknown = false;
+constinit bool kcmpIsMissing = false;
 constinit thread_local bool armed = false;
+constinit ProveSites* sites = nullptr;
 
 // Which network namespace a thread is in, and which one a descriptor stands for, where everybody
 // may enter them. One that is entered is only noted.
@@ -75,13 +77,36 @@ bool isNamed( char const* name ) {
    return false;
 }
 
-// The error with which this call fails, or `none`. `errno` is set.
-int faultOf( char const* name ) {
-   if( !armed || names[ 0 ] == '\0' || !isNamed( name ) ) {
+void note( void const* at, char const* name, bool fails ) {
+   if( !sites ) {
+      return;
+   }
+   for( int n = 0; n < sites->count && n < proveSitesMax; ++n ) {
+      if( sites->all[ n ].at == at ) {
+         sites->all[ n ].hasFailed |= fails;
+         return;
+      }
+   }
+   if( sites->count < proveSitesMax ) {
+      ProveSite& site = sites->all[ sites->count ];
+      site = { at, "", fails };
+      std::snprintf( site.call, sizeof( site.call ), "%s", name );
+   }
+   ++sites->count;
+}
+
+// The error with which this call fails, which returns to `site`, or `none`. `errno` is set.
+int faultOf( char const* name, void const* site ) {
+   if( !armed ) {
       return none;
    }
-   ++counted;
-   if( counted < firstFailing || counted >= firstFailing + failingTimes ) {
+   bool fails = false;
+   if( names[ 0 ] != '\0' && isNamed( name ) ) {
+      ++counted;
+      fails = counted >= firstFailing && counted < firstFailing + failingTimes;
+   }
+   note( site, name, fails );
+   if( !fails ) {
       return none;
    }
    ++hits;
@@ -110,27 +135,29 @@ Function* realOf( Function* /* of the same type */, char const* name ) {
 
 } // namespace
 
+// Where the interposed function was called.
+#define SITE __builtin_return_address( 0 )
 // Answers like the call itself: 0 for one that only pretends, else -1 or null.
 #define FAIL_OR_PRETEND( name )                      \
    do {                                              \
-      const int fault = faultOf( name );             \
+      const int fault = faultOf( name, SITE );       \
       if( fault != none ) {                          \
          return fault == proveFaultPretend ? 0 : -1; \
       }                                              \
    } while( false )
-#define FAIL_AS_NULL( name )          \
-   do {                               \
-      if( faultOf( name ) != none ) { \
-         return nullptr;              \
-      }                               \
+#define FAIL_AS_NULL( name )                \
+   do {                                     \
+      if( faultOf( name, SITE ) != none ) { \
+         return nullptr;                    \
+      }                                     \
    } while( false )
 // Answers like the calls whose result is the error.
-#define FAIL_AS_ERROR( name )            \
-   do {                                  \
-      const int fault = faultOf( name ); \
-      if( fault != none ) {              \
-         return fault;                   \
-      }                                  \
+#define FAIL_AS_ERROR( name )                  \
+   do {                                        \
+      const int fault = faultOf( name, SITE ); \
+      if( fault != none ) {                    \
+         return fault;                         \
+      }                                        \
    } while( false )
 // A static pointer without a guard: two threads find the same.
 #define REAL( name )                            \
@@ -159,9 +186,13 @@ void proveNamespacesAreFree( bool on ) {
 
 void proveFileTypesAreUnknown( bool on ) { typesAreUnknown = on; }
 
+void proveKcmpIsMissing( bool on ) { kcmpIsMissing = on; }
+
 int proveNamespaceIsLeft() { return entered != Namespace::own; }
 
 int proveFaultHits() { return hits; }
+
+void proveSitesAre( ProveSites* where ) { sites = where; }
 
 // -------------------------------------------------------------------------------- files by a path
 
@@ -269,7 +300,7 @@ char* getcwd( char* path, std::size_t size ) noexcept {
 
 int close( int fd ) {
    REAL( close );
-   const int fault = faultOf( "close" );
+   const int fault = faultOf( "close", SITE );
    noteNamespace( fd, Namespace::other );
    const int result = real( fd );
    if( fault == none ) {
@@ -281,7 +312,7 @@ int close( int fd ) {
 
 int fclose( FILE* file ) {
    REAL( fclose );
-   const int fault = faultOf( "fclose" );
+   const int fault = faultOf( "fclose", SITE );
    const int result = real( file );
    if( fault == none ) {
       return result;
@@ -292,7 +323,7 @@ int fclose( FILE* file ) {
 
 int closedir( DIR* stream ) {
    REAL( closedir );
-   const int fault = faultOf( "closedir" );
+   const int fault = faultOf( "closedir", SITE );
    const int result = real( stream );
    if( fault == none ) {
       return result;
@@ -338,7 +369,7 @@ ssize_t read( int fd, void* bytes, std::size_t size ) {
 ssize_t write( int fd, void const* bytes, std::size_t size ) {
    REAL( write );
    // Traces go to standard error in the midst of everything.
-   const int fault = faultOf( fd == STDERR_FILENO ? "write(stderr)" : "write" );
+   const int fault = faultOf( fd == STDERR_FILENO ? "write(stderr)" : "write", SITE );
    if( fault == proveFaultHalf ) {
       return real( fd, bytes, size / 2 );
    }
@@ -527,7 +558,7 @@ int ppoll( pollfd* entries, nfds_t count, timespec const* wait, sigset_t const* 
 void* mmap( void* address, std::size_t size, int protection, int flags, int fd,
             off_t offset ) noexcept {
    REAL( mmap );
-   if( faultOf( "mmap" ) != none ) {
+   if( faultOf( "mmap", SITE ) != none ) {
       return MAP_FAILED;
    }
    return real( address, size, protection, flags, fd, offset );
@@ -600,6 +631,10 @@ long syscall( long number, ... ) noexcept {
    }
    va_end( arguments );
    FAIL_OR_PRETEND( number == SYS_kcmp ? "syscall(SYS_kcmp)" : "syscall" );
+   if( number == SYS_kcmp && armed && kcmpIsMissing ) {
+      errno = ENOSYS;
+      return -1;
+   }
    return real( number, a[ 0 ], a[ 1 ], a[ 2 ], a[ 3 ], a[ 4 ], a[ 5 ] );
 }
 

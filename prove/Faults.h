@@ -43,7 +43,29 @@ int proveNamespaceIsLeft( void );
 // Whether armed calls read entries of directories without the types of the files.
 void proveFileTypesAreUnknown( bool on );
 
+// Whether armed calls find a kernel that does not compare descriptors.
+void proveKcmpIsMissing( bool on );
+
 // How many calls have failed since `proveFaultIs`.
 int proveFaultHits( void );
+
+// A place in the code that makes a call, by where it returns to.
+struct ProveSite {
+   void const* at;
+   char call[ 32 ];
+   bool hasFailed;
+};
+
+enum { proveSitesMax = 1000 };
+
+// Of a `count` that is larger, the rest had no room.
+struct ProveSites {
+   int count;
+   ProveSite all[ proveSitesMax ];
+};
+
+// Has the places of armed calls noted there. It may be in memory of several processes, one of which
+// makes calls at a time.
+void proveSitesAre( ProveSites* sites );
 
 } // extern "C"

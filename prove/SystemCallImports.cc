@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <bit>
 #include <cstring>
-#include <map>
 #include <stdexcept>
 #include <string_view>
 
@@ -154,38 +153,43 @@ void addImports( std::set<std::string>& imports, const Tables& tables ) {
    }
 }
 
-// The libraries, and whether each has been seen.
-using Libraries = std::map<std::string_view, bool>;
+constexpr std::string_view libraries[] = { "libOruQuarn.so", "libQuarn.so", "liboru.so",
+                                           "libnetns.so", "libtimeout.so" };
+
+// Which of them the file is, empty for none.
+std::string_view libraryOf( std::string_view file ) {
+   file.remove_prefix( file.rfind( '/' ) + 1 );
+   for( const std::string_view library : libraries ) {
+      if( file.starts_with( library ) ) {
+         return library;
+      }
+   }
+   return {};
+}
 
 struct Walk {
    std::set<std::string> imports;
-   Libraries libraries{ { "libOruQuarn.so", false },
-                        { "libQuarn.so", false },
-                        { "liboru.so", false },
-                        { "libnetns.so", false },
-                        { "libtimeout.so", false } };
+   std::set<std::string_view> seen;
 };
 
 int visit( dl_phdr_info* info, std::size_t /* its size */, void* data ) {
    Walk& walk = *static_cast<Walk*>( data );
-   std::string_view name = info->dlpi_name;
-   name.remove_prefix( name.rfind( '/' ) + 1 );
-   for( auto& [ library, seen ] : walk.libraries ) {
-      if( name.starts_with( library ) ) {
-         seen = true;
-         addImports( walk.imports, Tables( *info ) );
-      }
+   if( const std::string_view name = libraryOf( info->dlpi_name ); !name.empty() ) {
+      walk.seen.insert( name );
+      addImports( walk.imports, Tables( *info ) );
    }
    return 0;
 }
 
 } // namespace
 
+bool isLibrary( char const* file ) { return !libraryOf( file ).empty(); }
+
 std::set<std::string> importsOfLibrary() {
    Walk walk;
    dl_iterate_phdr( visit, &walk );
-   for( const auto& [ library, seen ] : walk.libraries ) {
-      if( !seen ) {
+   for( const std::string_view library : libraries ) {
+      if( !walk.seen.contains( library ) ) {
          throw std::runtime_error( std::string( library ) + " is not loaded" );
       }
    }

@@ -7,6 +7,9 @@
 
 namespace prove {
 
+// Whether the file is this library or one of its stand-ins.
+bool isLibrary( char const* file );
+
 // The functions of the C library that this library and its stand-ins import, as their dynamic
 // symbol tables have them; a name without what the compiler puts around it ("__isoc99_fscanf" is
 // "fscanf").

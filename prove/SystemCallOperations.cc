@@ -410,12 +410,28 @@ std::string rendered( Scene& scene, bool startFails, unsigned renders ) {
 
 } // namespace
 
+const Operation printContext{
+      "TaskSchedulerPrintContext",
+      []( Scene& scene ) {
+         const File file;
+         const int fd = dup( file.fd );
+         scene.faulty( [ & ] { const TaskSchedulerPrintContext context( fd, true ); } );
+         return std::string( fcntl( fd, F_GETFD ) < 0 ? "closed" : "open" );
+      },
+      "closed" };
+
 const Operation startRender{ "snapshotRenderJsonAsync",
                              []( Scene& scene ) { return rendered( scene, true, 1 ); }, "whole" };
 const Operation render{ "a render under way",
                         []( Scene& scene ) { return rendered( scene, false, 1 ); }, "whole" };
 const Operation renderTwice{ "two renders onto one pipe",
                              []( Scene& scene ) { return rendered( scene, false, 2 ); }, "whole" };
+const Operation renderTwiceUncompared{ "two renders onto one pipe that the kernel cannot compare",
+                                       []( Scene& scene ) {
+                                          proveKcmpIsMissing( true );
+                                          return renderTwice.run( scene );
+                                       },
+                                       renderTwice.outcome };
 
 // Its text is some megabytes, for which the kernel is advised to take large pages.
 const Operation largeReport{
@@ -622,6 +638,26 @@ const Operation openDir{ "DirNode",
                          },
                          "true" };
 
+// In another folder, and from the start.
+const Operation moveDir{ "pathIs",
+                         []( Scene& scene ) {
+                            DirNode node( scene.handler, String( "/" ), nullptr );
+                            return scene.faulty( [ & ] {
+                               node.pathIs( String( scene.folder ) );
+                               return answer( node.isOpen() );
+                            } );
+                         },
+                         "true" };
+const Operation reopenDir{ "openDir",
+                           []( Scene& scene ) {
+                              DirNode node( scene.handler, String( scene.folder ), nullptr );
+                              return scene.faulty( [ & ] {
+                                 node.openDir();
+                                 return answer( node.isOpen() );
+                              } );
+                           },
+                           "true" };
+
 const Operation readDir{
       "readEntry",
       []( Scene& scene ) {
@@ -827,8 +863,20 @@ const Operation socketNotBack{ "socket without a way back",
                                },
                                "socket", "namespace of the first process" };
 
+// Whose namespace another file tells.
+const Operation socketOfThread{
+      "socket of another thread",
+      []( Scene& scene ) {
+         std::string outcome;
+         std::thread( [ & ] { outcome = socketOutcome( scene, true ); } ).join();
+         return outcome;
+      },
+      "socket" };
+
 const Operation bindSocket{ "createAndBindSocket",
                             []( Scene& scene ) {
+                               // So that it makes the same calls on any machine.
+                               proveNamespacesAreFree( true );
                                const String name( "prove-" + std::to_string( getpid() ) );
                                const int sd = scene.faulty( [ & ] {
                                   return Util::createAndBindSocket( scene.handler, name );

@@ -65,15 +65,16 @@ std::span<const Pair> systemCallPairs();
 // The operations, of which each comes to its outcome when nothing fails.
 extern const Operation createBase, createBaseInVain, init, lateInit, forkReinit, loop, watchFd,
       watchReads, watchWrites, unwatch, frameworkFd, frameworkLoop;
-extern const Operation openStream, stream, brokenStream, closeStream, textReport, startRender,
-      render, renderTwice, largeReport, nameFilter, trace, traceItems, traceFormat, noTraceFormat;
+extern const Operation openStream, stream, brokenStream, closeStream, textReport, printContext,
+      startRender, render, renderTwice, renderTwiceUncompared, largeReport, nameFilter, trace,
+      traceItems, traceFormat, noTraceFormat;
 extern const Operation mkpath, trimpath, touch, fileWrite, fileWriteQuietly, fileRead, fileExists,
       fileRemove, fileSize, fdSize, truncateFile, getCwd;
-extern const Operation openDir, readDir, findFiles, findUntypedFiles, closeDir;
+extern const Operation openDir, moveDir, reopenDir, readDir, findFiles, findUntypedFiles, closeDir;
 extern const Operation lock, release, dropLock, lockPid;
 extern const Operation cmdline, title, startTime, socketPid, typeName, coreFilter, symbol, mappings,
       plugin;
-extern const Operation socketHere, socketThere, socketNotBack, bindSocket, sendBuffer,
-      mostSendBuffer, enterNamespace;
+extern const Operation socketHere, socketThere, socketNotBack, socketOfThread, bindSocket,
+      sendBuffer, mostSendBuffer, enterNamespace;
 
 } // namespace prove
