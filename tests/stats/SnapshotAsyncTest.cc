@@ -88,6 +88,10 @@ Shots largeShots( TaskSchedulerRoot& root ) {
 
 class SnapshotAsyncTest : public testing::Test {
  protected:
+   SnapshotAsyncTest() {
+      // However slow the machine is, a run yields only where it is told to.
+      root->defaultTaskQuantumIs( std::chrono::hours( 1 ) );
+   }
    std::function<void()> done( int fd ) {
       return [ this, fd ] {
          ++completions;
@@ -187,8 +191,6 @@ TEST_F( SnapshotAsyncTest, WriterYieldsBetweenWritesAndTellsWhatIsLeft ) {
    const std::string expected = documentOf( shots );
    // All but the two last brackets.
    const std::size_t size = expected.size() - 2;
-   // However slow the machine is, no run says that it took too long.
-   root->defaultTaskQuantumIs( std::chrono::hours( 1 ) );
    TraceCapture trace;
    root->snapshotRenderJsonAsync( fd, shots, [ & ] {
       EXPECT_EQ( root->taskStatForTest( nameFor( fd ) ).taskWorkPending(), 0u );
