@@ -64,18 +64,20 @@
 #define RACES_ARE_SEEN 1
 #endif
 
+#ifdef RACES_ARE_SEEN
+
 namespace {
 
 constinit std::atomic<unsigned> races{ 0 };
 
 } // namespace
 
-#ifdef RACES_ARE_SEEN
 // Called by the sanitizer with each report. Hidden, it would leave the one in its library in place.
 #pragma GCC visibility push( default )
 extern "C" void __tsan_on_report( void* report );
 extern "C" void __tsan_on_report( void* ) { races.fetch_add( 1, std::memory_order_relaxed ); }
 #pragma GCC visibility pop
+
 #endif
 
 namespace {
