@@ -191,7 +191,8 @@ std::string attack( const Pair& pair, const std::string& folder ) {
       throw std::runtime_error( "fork failed" );
    }
    if( child == 0 ) {
-      alarm( 20 );
+      // Long enough for a slow machine; an operation that hangs is a fault.
+      alarm( 120 );
       dup2( standardError, STDERR_FILENO );
       std::set_terminate( terminates );
       try {
