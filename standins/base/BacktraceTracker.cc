@@ -10,6 +10,7 @@
 #include <memory>
 #include <mutex>
 #include <new>
+#include <optional>
 #include <ostream>
 #include <pthread.h>
 #include <utility>
@@ -92,11 +93,16 @@ std::uint32_t BacktraceTracker::capacity() {
 }
 
 void BacktraceTracker::capacityIs( std::uint32_t capacity ) {
-   std::lock_guard const guard( recorder().mutex );
+   std::unique_lock lock( recorder().mutex );
    recorder().capacity = capacity;
    std::deque<Backtrace>& backtraces = recorder().backtraces;
-   while( backtraces.size() > capacity ) {
-      backtraces.pop_front();
+   while( backtraces.size() > recorder().capacity ) {
+      {
+         Backtrace const gone = std::move( backtraces.front() );
+         backtraces.pop_front();
+         lock.unlock();
+      } // freed without the mutex
+      lock.lock();
    }
 }
 
@@ -126,10 +132,12 @@ __attribute__( ( noinline ) ) void BacktraceTracker::backtraceIs( String const& 
    }
    Backtrace backtrace{ label, Impl::timeIndirect(), gettid(),
                         boost::stacktrace::stacktrace( 1, maxDepth ) };
+   std::optional<Backtrace> gone; // freed without the mutex
    std::lock_guard const guard( recorder().mutex );
    std::deque<Backtrace>& backtraces = recorder().backtraces;
    backtraces.push_back( std::move( backtrace ) );
    if( backtraces.size() > recorder().capacity ) {
+      gone = std::move( backtraces.front() );
       backtraces.pop_front();
    }
 }

@@ -1,7 +1,6 @@
 #include <Quarn/base/Rdtsc.h>
 
 #include <algorithm>
-#include <mutex>
 #include <time.h>
 
 namespace Quarn {
@@ -26,7 +25,11 @@ namespace {
 constinit std::atomic<double> rateForTest{ 0 };
 
 // Keeps a late computation of the ticks in 500 microseconds from outliving a change of source.
-constinit std::mutex sourceLock;
+// Nothing here is locked, for a measurement takes its time, and a fork may fall into it.
+constinit std::atomic<unsigned> sourceChanges{ 0 };
+
+// What was measured first; 0 before.
+constinit std::atomic<double> measured{ 0 };
 
 #if defined( __x86_64__ ) || defined( __i386__ )
 
@@ -71,17 +74,27 @@ double measuredRate() { return 1e9; }
 
 #endif
 
+// Threads that come at the same time measure side by side, and go by the one that is done first.
 double realRate() {
-   static double const rate = measuredRate();
+   double rate = measured.load();
+   if( rate == 0 ) {
+      double const mine = measuredRate();
+      if( measured.compare_exchange_strong( rate, mine ) ) {
+         rate = mine;
+      }
+   }
    return rate;
 }
 
 } // namespace
 
 std::uint64_t Impl::rdtscComputeTicksIn500Usec() {
-   std::lock_guard const guard( sourceLock );
+   unsigned const changes = sourceChanges.load();
    auto const ticks = static_cast<std::uint64_t>( Rdtsc::calibrationRate() * 0.0005 );
-   rdtscTicksIn500Usec.store( ticks, std::memory_order_relaxed );
+   rdtscTicksIn500Usec = ticks;
+   if( sourceChanges.load() != changes ) {
+      rdtscTicksIn500Usec = 0;
+   }
    return ticks;
 }
 
@@ -90,9 +103,9 @@ double Rdtsc::calibrationRate() {
 }
 
 void Rdtsc::sourceForTestIs( std::uint64_t ( *source )(), double ticksPerSecond ) {
-   std::lock_guard const guard( sourceLock );
    rateForTest = ticksPerSecond;
    Impl::rdtscSource = source;
+   ++sourceChanges;
    Impl::rdtscTicksIn500Usec = 0;
 }
 

@@ -1,3 +1,5 @@
+#include "standins/InChild.h"
+
 #include <Quarn/base/BacktraceTracker.h>
 #include <Quarn/base/ThreadControl.h>
 #include <Quarn/base/Time.h>
@@ -10,9 +12,6 @@
 #include <string>
 #include <thread>
 #include <vector>
-
-#include <sys/wait.h>
-#include <unistd.h>
 
 namespace {
 
@@ -234,21 +233,20 @@ TEST_F( BacktraceTrackerTest, ThreadsMayRecordPrintAndChangeIt ) {
 TEST_F( BacktraceTrackerTest, AChildForkedWhileAnotherThreadUsesItCanUseIt ) {
    BacktraceTracker::enabledIs( true );
    std::atomic<bool> stop{ false };
+   BacktraceTracker::capacityIs( 1 );
    std::jthread const thread( [ & ] {
-      while( !stop ) {
-         BacktraceTracker::capacityIs( 64 ); // little else than taking the lock
+      for( unsigned n = 0; !stop; ++n ) {
+         // The label before it goes, and with it the last that holds its place in the pool, which
+         // is locked for a fork as well.
+         BacktraceTracker::backtraceIs(
+               Quarn::String( "a label too long for its place " + std::to_string( n ) ).deduped() );
+         BacktraceTracker::capacityIs( n % 2 );
+         BacktraceTracker::capacityIs( 1 ); // little else than taking the lock
       }
    } );
    int failures = 0;
    for( int round = 0; round < 50 && failures == 0; ++round ) {
-      pid_t const child = ::fork();
-      if( child == 0 ) {
-         ::alarm( 30 ); // ends a child that waits for a lock nobody will release
-         ::_exit( BacktraceTracker::capacity() == 64 ? 0 : 1 );
-      }
-      int status = -1;
-      EXPECT_EQ( ::waitpid( child, &status, 0 ), child );
-      failures += status != 0;
+      failures += inChild( [] { return BacktraceTracker::capacity() <= 1 ? 0 : 1; } ) != 0;
    }
    stop = true;
    EXPECT_EQ( failures, 0 );

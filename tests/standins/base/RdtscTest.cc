@@ -1,11 +1,16 @@
+#include "standins/InChild.h"
+
 #include <Quarn/base/Rdtsc.h>
 
+#include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <gtest/gtest.h>
 #include <thread>
 #include <vector>
 
 using Quarn::Rdtsc;
+using namespace std::chrono_literals;
 
 namespace {
 
@@ -36,6 +41,32 @@ TEST_F( RdtscTest, AReplacedSourceBringsItsRate ) {
       EXPECT_EQ( Rdtsc::calibrationRate(), rate );
       EXPECT_EQ( Rdtsc::ticksIn500Usec(), in500Usec );
       EXPECT_EQ( Rdtsc::ticksIn500Usec(), in500Usec );
+   }
+}
+
+// Measured is once in a process, so each attempt has one of its own, and forks a little later.
+TEST_F( RdtscTest, AChildForkedWhileAnotherThreadMeasuresCanMeasure ) {
+   auto const attempt = []( std::chrono::microseconds after ) {
+      std::atomic<bool> measuring{ false };
+      std::atomic<bool> forked{ false };
+      std::jthread const thread( [ & ] {
+         measuring = true;
+         static_cast<void>( Rdtsc::ticksIn500Usec() );
+         forked.wait( false ); // one that has ended would be lost in the child
+      } );
+      while( !measuring ) {
+      }
+      auto const begin = std::chrono::steady_clock::now();
+      while( std::chrono::steady_clock::now() - begin < after ) {
+      }
+      int const status = inChild(
+            [] { return Rdtsc::ticksIn500Usec() > 0 && Rdtsc::calibrationRate() > 0 ? 0 : 1; } );
+      forked = true;
+      forked.notify_one();
+      return status;
+   };
+   for( int after = 0; after < 500; after += 25 ) {
+      EXPECT_EQ( inChild( [ & ] { return attempt( after * 1us ) == 0 ? 0 : 1; } ), 0 );
    }
 }
 

@@ -1,11 +1,11 @@
+#include "standins/InChild.h"
+
 #include <Quarn/base/String.h>
 #include <Quarn/base/ThreadControl.h>
 
 #include <atomic>
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 #include <thread>
-#include <unistd.h>
 #include <vector>
 
 using Quarn::String;
@@ -170,22 +170,14 @@ TEST( StringPoolTest, AChildForkedWhileThreadsDedupCanDedup ) {
       copies.push_back( nameOf( i ) );
    }
    int failures = 0;
-   for( int round = 0; round < 50; ++round ) {
-      pid_t const child = ::fork();
-      if( child == 0 ) {
-         ::alarm( 30 ); // ends a child that waits for a lock nobody will release
+   for( int round = 0; round < 50 && failures == 0; ++round ) {
+      failures = inChild( [ & ] {
          bool same = true;
          for( std::size_t i = 0; i < copies.size(); ++i ) {
             same = same && copies[ i ].deduped().data() == pooled[ i ].data();
          }
-         ::_exit( same ? 0 : 1 );
-      }
-      int status = -1;
-      ASSERT_EQ( ::waitpid( child, &status, 0 ), child );
-      if( status != 0 ) {
-         ++failures;
-         break;
-      }
+         return same ? 0 : 1;
+      } );
    }
    stop = true;
    EXPECT_EQ( failures, 0 );

@@ -1,10 +1,11 @@
+#include "standins/InChild.h"
+
 #include <Quarn/base/RefCount.h>
 #include <Quarn/base/ThreadControl.h>
 
 #include <atomic>
 #include <gtest/gtest.h>
 #include <sys/syscall.h>
-#include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
 #include <vector>
@@ -98,13 +99,10 @@ TEST_F( ThreadControlTest, OnlyTheThreadOfMainIsTheMainThread ) {
 TEST_F( ThreadControlTest, AForkedChildHasAnIdentityOfItsOwn ) {
    std::jthread( [] {
       EXPECT_FALSE( Quarn::isMainThread() );
-      pid_t const child = ::fork();
-      if( child == 0 ) {
-         ::_exit( Quarn::isMainThread() && Quarn::gettid() == ::getpid() ? 0 : 1 );
-      }
-      int status = -1;
-      EXPECT_EQ( ::waitpid( child, &status, 0 ), child );
-      EXPECT_EQ( status, 0 );
+      EXPECT_EQ( inChild( [] {
+                    return Quarn::isMainThread() && Quarn::gettid() == ::getpid() ? 0 : 1;
+                 } ),
+                 0 );
       EXPECT_FALSE( Quarn::isMainThread() );
    } ).join();
 }

@@ -1,4 +1,4 @@
-#include "standins/oru/InChild.h"
+#include "standins/InChild.h"
 #include "support/Fatal.h"
 
 #include <Oru/ActivityLock.h>

@@ -25,7 +25,7 @@ extern QUARN_BASE_API std::atomic<std::uint64_t ( * )()> rdtscSource;
 // Ticks in 500 microseconds of the current source, 0 while unknown.
 extern QUARN_BASE_API std::atomic<std::uint64_t> rdtscTicksIn500Usec;
 
-// Works out the value above, or waits for the thread that does.
+// Works out the value above.
 QUARN_BASE_API std::uint64_t rdtscComputeTicksIn500Usec();
 
 // CLOCK_MONOTONIC in nanoseconds.
@@ -49,9 +49,9 @@ struct Rdtsc {
 #endif
    }
 
-   // Ticks per second of the current source. The real counter is measured once in a process, by the
-   // first caller, who spins about 500 microseconds; the result is good to some parts in ten
-   // thousand.
+   // Ticks per second of the current source. The real counter is measured by the first caller, and
+   // those who come meanwhile, who spin about 500 microseconds; all then go by one result, which is
+   // good to some parts in ten thousand.
    QUARN_BASE_API static double calibrationRate();
 
    // Ticks in 500 microseconds of the current source, rounded down. The first call after a change

@@ -78,7 +78,7 @@ class RefCount {
  private:
    // Whether another thread may change the count at the same time.
    static bool _shared() noexcept {
-      return ThreadControl::threadSafePointer() && !QUARN_BASE_ONE_THREAD;
+      return !QUARN_BASE_ONE_THREAD && ThreadControl::threadSafePointer();
    }
 
    std::atomic<std::uint32_t> count_;

@@ -135,15 +135,16 @@ class QUARN_BASE_API String {
       other._emptyIs();
    }
 
-   // Touches no count when both already share a block.
+   // Touches no count when both already share a block, as a string does with itself.
    String& operator=( String const& other ) noexcept {
-      if( !other.isInPlace() ) {
-         if( this == &other || ( !isInPlace() && _block() == other._block() ) ) {
-            return *this;
+      if( other.isInPlace() ) {
+         if( this != &other ) {
+            _replace( other );
          }
+      } else if( isInPlace() || _block() != other._block() ) {
          other._block()->count.increment();
+         _replace( other );
       }
-      _replace( other );
       return *this;
    }
 
@@ -315,13 +316,10 @@ class QUARN_BASE_API String {
       std::memcpy( other.bytes_, mine, sizeof( bytes_ ) );
    }
 
-   // Takes the bytes of `other`, whose reference the caller has counted, then lets go of the old
-   // text: `other` may be this object.
+   // Takes the bytes of `other`, another object, whose reference the caller has counted.
    void _replace( String const& other ) noexcept {
-      char theirs[ sizeof( bytes_ ) ];
-      std::memcpy( theirs, other.bytes_, sizeof( bytes_ ) );
       _release();
-      std::memcpy( bytes_, theirs, sizeof( bytes_ ) );
+      std::memcpy( bytes_, other.bytes_, sizeof( bytes_ ) );
    }
 
    void _release() noexcept {
