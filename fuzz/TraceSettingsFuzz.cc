@@ -14,6 +14,8 @@ namespace {
 
 using Levels = std::array<bool, 16>;
 
+constexpr char blanks[] = " \t\n\v\f\r";
+
 // The number from 0 to 15 that the text is, in one or two digits.
 std::optional<std::size_t> levelOf( std::string_view text ) {
    for( std::size_t level = 0; level < 16; ++level ) {
@@ -71,6 +73,7 @@ std::optional<Item> itemOf( std::string text ) {
    while( text.starts_with( "-" ) ) {
       item.clear = true;
       text.erase( 0, 1 );
+      text.erase( 0, text.find_first_not_of( blanks ) );
    }
    item.pattern = text.substr( 0, text.rfind( '/' ) );
    if( item.pattern.empty() ) {
@@ -142,7 +145,6 @@ int LLVMFuzzerTestOneInput( const std::uint8_t* data, std::size_t size ) {
    Levels set{};
    Levels cleared{};
    for( std::string given : split( std::string( text ), ',' ) ) {
-      constexpr char blanks[] = " \t\n\v\f\r";
       given.erase( 0, given.find_first_not_of( blanks ) );
       given.erase( given.find_last_not_of( blanks ) + 1 );
       if( given.empty() ) {

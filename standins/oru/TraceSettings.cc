@@ -73,15 +73,22 @@ std::optional<Levels> parseLevels( std::string_view text ) {
    }
 }
 
+std::string_view withoutBlanks( std::string_view text ) {
+   constexpr std::string_view blanks = " \t\n\v\f\r";
+   std::size_t const first = text.find_first_not_of( blanks );
+   if( first == std::string_view::npos ) {
+      return {};
+   }
+   return text.substr( first, text.find_last_not_of( blanks ) - first + 1 );
+}
+
 std::optional<TraceItem> parseItem( std::string_view text ) {
    TraceItem item;
    item.text = text;
-   std::size_t const start = text.find_first_not_of( '-' );
-   if( start == std::string_view::npos ) {
-      return std::nullopt;
+   while( text.starts_with( '-' ) ) {
+      item.clear = true;
+      text = withoutBlanks( text.substr( 1 ) );
    }
-   item.clear = start != 0;
-   text.remove_prefix( start );
 
    Levels levels{ levelRange( 0, defaultLevel ) };
    if( std::size_t const slash = text.rfind( '/' ); slash != std::string_view::npos ) {
@@ -102,15 +109,6 @@ std::optional<TraceItem> parseItem( std::string_view text ) {
       item.levels = static_cast<LevelMask>( item.levels & ~1u );
    }
    return item;
-}
-
-std::string_view withoutBlanks( std::string_view text ) {
-   constexpr std::string_view blanks = " \t\n\v\f\r";
-   std::size_t const first = text.find_first_not_of( blanks );
-   if( first == std::string_view::npos ) {
-      return {};
-   }
-   return text.substr( first, text.find_last_not_of( blanks ) - first + 1 );
 }
 
 } // namespace

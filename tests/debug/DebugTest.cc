@@ -155,11 +155,14 @@ TEST( DebugTest, SettingsAccumulateAndCanBeTakenBack ) {
    EXPECT_TRUE( handler->levelEnabled( 0 ) );
    clearQuarnDebug( "" );
    EXPECT_STREQ( getenv( "TRACE" ), "Facility/5,Other,-Facility/5,-x,-" );
+   clearQuarnDebug( "x, Other" );
+   EXPECT_STREQ( getenv( "TRACE" ), "Facility/5,Other,-Facility/5,-x,-,-x,- Other" );
+   EXPECT_FALSE( getDebugHandler( "Other", false )->levelEnabled( 9 ) );
 
    setupQuarnDebug( nullptr );
    clearQuarnDebug( nullptr );
    setTraceFormat( nullptr );
-   EXPECT_STREQ( getenv( "TRACE" ), "Facility/5,Other,-Facility/5,-x,-" );
+   EXPECT_STREQ( getenv( "TRACE" ), "Facility/5,Other,-Facility/5,-x,-,-x,- Other" );
 }
 
 TEST( DebugTest, FormatIsReplacedAndCleared ) {
