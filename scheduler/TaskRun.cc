@@ -157,6 +157,9 @@ bool TaskScheduler::runStep( TaskPriority maxPriority ) {
       historyEvent( now, TaskSchedulerEventType::schedulerRunIgnoredWhileSuspended );
       return false;
    }
+   if( currentlyRunningTask_ ) [[unlikely]] {
+      _refuseRunInRun( maxPriority );
+   }
    if( TaskImpl* task = pickOneTask( now, TaskPriority::critical, maxPriority ) ) {
       TaskTimeStamp end;
       try {
@@ -177,6 +180,16 @@ bool TaskScheduler::runStep( TaskPriority maxPriority ) {
       schedulerHasRunnableTasksIs( false, now );
    }
    return false;
+}
+
+// While the task is still on its queue: once taken off it would wait for ever.
+void TaskScheduler::_refuseRunInRun( TaskPriority maxPriority ) {
+   for( TaskPriority p = TaskPriority::critical; p <= maxPriority; ++p ) {
+      if( _of( p ).pickQueue->front() ) {
+         recoverFromException();
+         QUARN_STREAM_FAIL( "currentlyRunningTask_ is not NULL " << currentlyRunningTask_ );
+      }
+   }
 }
 
 // The flag that there is runnable work is still set, so nobody but this asks for the next run.

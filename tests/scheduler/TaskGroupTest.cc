@@ -608,4 +608,30 @@ TEST( TaskGroupDeathTest, ResetTaskIsNotHeldBeyondItsScheduler ) {
          "g;ResetStats is held beyond its scheduler" );
 }
 
+// A test runs a member, so that the root runs nothing: its own run entry goes on to the group.
+TEST_F( TaskGroupTest, RunEntryInsideAMembersRunKeepsTheOthers ) {
+   const Member a = queued( g, "a", [ & ]( FunctionTask& ) {
+      EXPECT_FATAL( turn(), "currentlyRunningTask_ is not NULL a" );
+   } );
+   const Member b = queued( g, "b" );
+   a->taskRunFromTest();
+   drain();
+   EXPECT_EQ( log, "ab" );
+   EXPECT_TRUE( idle( g ) );
+}
+
+// Under virtual time what a member schedules waits for the next run of the group, and so there is
+// nothing to refuse.
+TEST_F( TaskGroupTest, RunEntryInsideALastRunFindsNothing ) {
+   virtualTimeIs( true );
+   const Member b = makeTask( g, g->priority(), "b" );
+   const Member a = queued( g, "a", [ & ]( FunctionTask& ) {
+      b->scheduleTask();
+      EXPECT_FALSE( g->_handleSchedulerRun( TaskPriority::scavenge ) );
+   } );
+   drain();
+   EXPECT_EQ( b->taskRunCount(), 1u );
+   virtualTimeIs( false );
+}
+
 } // namespace

@@ -65,6 +65,23 @@ TEST_F( TaskRunTest, RunsAreMeasured ) {
          << "the loop was late while the root thought itself runnable";
 }
 
+TEST_F( TaskRunTest, RunEntryInsideARunTakesNothingOffItsQueue ) {
+   unsigned runs = 0;
+   auto waiting = task( TaskPriority::normal, "waiting", [ & ]( FunctionTask& ) { ++runs; } );
+   auto outer = task( TaskPriority::normal, "outer", [ & ]( FunctionTask& ) {
+      EXPECT_FALSE( step( TaskPriority::high ) ) << "there is none that urgent";
+      EXPECT_FATAL( step(), "currentlyRunningTask_ is not NULL outer" );
+   } );
+   outer->scheduleTask();
+   waiting->scheduleTask();
+   EXPECT_TRUE( step() );
+   EXPECT_TRUE( waiting->taskScheduled() );
+   EXPECT_TRUE( step() );
+   EXPECT_EQ( runs, 1u );
+   EXPECT_EQ( root->runTaskCount( TaskPriority::normal ), 2u );
+   EXPECT_TRUE( root->checkForTest() );
+}
+
 TEST_F( TaskRunTest, GapCountsFromTheMomentSomethingIsRunnable ) {
    auto a = task( TaskPriority::normal, "a" );
    step();

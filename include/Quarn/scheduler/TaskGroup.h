@@ -64,6 +64,7 @@ class ORUQUARN_API TaskGroup final : public TaskScheduler {
 
    ~TaskGroup() override;
 
+   // As given to the constructor.
    TaskPriority priority() const { return priority_; }
    bool flag() const { return flag_; }
    const std::shared_ptr<TaskScheduler>& parentScheduler() const { return parentScheduler_; }

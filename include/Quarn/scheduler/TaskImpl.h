@@ -91,9 +91,13 @@ class ORUQUARN_API TaskImpl : public _TaskBase {
    // Errors: fatal when the task is not running.
    TaskTimeDuration taskCurrentRunTime() const;
 
+   // Whether the body is being run.
    bool taskCurrentlyRunning() const { return taskCurrentlyRunning_; }
+   // Runs since the statistics were reset, the current one included.
    std::uint64_t taskRunCount() const { return taskRunCount_; }
+   // What `taskShouldYield()` goes by.
    TaskShouldYieldMode taskShouldYieldMode() const { return taskShouldYieldMode_; }
+   // What tells the task from others of its name in reports.
    TaskKey taskKey() const { return TaskKey( this ); }
 
    // Whether this is the parent task of a task group.

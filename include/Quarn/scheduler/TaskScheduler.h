@@ -63,12 +63,15 @@ using TaskQueueStatsMap = std::map<TaskPriority, TaskQueueStats>;
 
 class ORUQUARN_API TaskScheduler : public std::enable_shared_from_this<TaskScheduler> {
  public:
+   // For roots, with `this` as the root, and task groups. The history is that of the root.
    TaskScheduler( String name, TaskSchedulerRoot* root,
                   std::shared_ptr<TaskSchedulerHistory> history );
 
    // Whether a reset of the statistics is under way: from `resetStats()` until its walk has come to
    // the end of the list.
    virtual bool resetStatsInProgress() const;
+
+   // While suspended none of its tasks runs; they keep their places in the queues.
    virtual void suspendedIs( bool suspended ) = 0;
 
    // Runs all queued critical tasks of the thread now; see `TaskSchedulerRoot`.
@@ -117,7 +120,8 @@ class ORUQUARN_API TaskScheduler : public std::enable_shared_from_this<TaskSched
    // Runs one task of the priorities from critical to `maxPriority`; false when there was none.
    //
    // Errors: `std::bad_weak_ptr` when the scheduler is being destroyed; and what the task's body
-   // throws, after which the scheduler goes on.
+   // throws, after which the scheduler goes on. Fatal where it would run a task inside the run of
+   // another ("currentlyRunningTask_ is not NULL ...").
    bool _handleSchedulerRun( TaskPriority maxPriority );
 
    // Whether a run was asked for, because work is runnable. Goes with the run that finds none.
@@ -168,6 +172,7 @@ class ORUQUARN_API TaskScheduler : public std::enable_shared_from_this<TaskSched
    // The task being run by this scheduler, which holds it for the run; null outside a run.
    TaskImpl* currentlyRunningTask() const { return currentlyRunningTask_; }
 
+   // How many of its timer tasks are armed; the armed ones of a group count as one.
    unsigned timerRunningCount() const { return timerRunningCount_; }
 
    // The registered task of that name (the newest of several), and its counters.
@@ -293,6 +298,8 @@ class ORUQUARN_API TaskScheduler : public std::enable_shared_from_this<TaskSched
 
    // One run step without holding the scheduler, which the caller does.
    bool runStep( TaskPriority maxPriority );
+   // Fatal when that would run a task; the step is asked for again.
+   void _refuseRunInRun( TaskPriority maxPriority );
 
    // The base part of counting timers.
    void timerRunningCountInc( const TaskTimeStamp& now );

@@ -46,6 +46,7 @@ class ORUQUARN_API TaskSchedulerRoot final : public TaskScheduler,
    // Makes a root that is not the thread's own, for tests and tools.
    static std::shared_ptr<TaskSchedulerRoot> TaskSchedulerRootIs( String name );
 
+   // Whether a reset is under way in any scheduler of the thread.
    bool resetStatsInProgress() const override;
 
    // While suspended nothing runs, and running tasks are told to yield. Resuming asks for a run.
@@ -69,6 +70,9 @@ class ORUQUARN_API TaskSchedulerRoot final : public TaskScheduler,
    ~TaskSchedulerRoot() override;
 
    // The run entry: runs one task, or finds the root idle.
+   //
+   // Errors: what the task throws; `handleSchedulerRun` is fatal where it would run a task inside
+   //         the run of another ("currentlyRunningTask_ is not NULL ...").
    void callback() override;
    void handleSchedulerRun();
 
