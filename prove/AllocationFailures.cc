@@ -7,6 +7,7 @@
 
 #include "prove/AllocationScenarios.h"
 #include "prove/Row.h"
+#include "prove/SharedMemory.h"
 
 #include <fmt/format.h>
 
@@ -271,13 +272,11 @@ Tally attack( const Scenario& scenario, std::uint64_t maxPoints ) {
 } // namespace
 
 int main( int argc, char** argv ) {
-   void* const shared = mmap( nullptr, sizeof( Result ), PROT_READ | PROT_WRITE,
-                              MAP_SHARED | MAP_ANONYMOUS, -1, 0 );
-   if( shared == MAP_FAILED ) {
+   result = prove::sharedMemory<Result>();
+   if( !result ) {
       std::perror( "mmap" );
       return 2;
    }
-   result = static_cast<Result*>( shared );
    standardError = memfd_create( "stderr", MFD_CLOEXEC );
    // The count is the most points of a scenario, so that a count of 1 is a quick look.
    return prove::runRow(

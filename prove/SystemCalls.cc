@@ -10,6 +10,7 @@
 // succeed when it is made again.
 
 #include "prove/Row.h"
+#include "prove/SharedMemory.h"
 #include "prove/SystemCallImports.h"
 #include "prove/SystemCallPairs.h"
 
@@ -259,14 +260,6 @@ Places placesOf( const ProveSites& sites ) {
    return places;
 }
 
-// Memory that the children share; null when there is none.
-template<typename Type>
-Type* shared() {
-   void* const memory =
-         mmap( nullptr, sizeof( Type ), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0 );
-   return memory == MAP_FAILED ? nullptr : static_cast<Type*>( memory );
-}
-
 std::string errorName( int error ) {
    return error == proveFaultPretend ? "nothing done"
           : error == proveFaultHalf  ? "half"
@@ -276,8 +269,8 @@ std::string errorName( int error ) {
 } // namespace
 
 int main( int argc, char** argv ) {
-   result = shared<Result>();
-   auto* const sites = shared<ProveSites>();
+   result = prove::sharedMemory<Result>();
+   auto* const sites = prove::sharedMemory<ProveSites>();
    standardError = memfd_create( "stderr", MFD_CLOEXEC );
    if( !result || !sites || standardError < 0 ) {
       std::perror( "mmap or memfd_create" );
