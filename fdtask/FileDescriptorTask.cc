@@ -6,6 +6,8 @@
 
 #include "debug/Handlers.h"
 
+#include <utility>
+
 namespace Quarn {
 
 namespace {
@@ -103,7 +105,13 @@ class FileDescriptorTask::WriteTask final : public ReadWriteTaskBase {
       // Goes last, as above.
       const std::shared_ptr<_TaskBase> hold = parent.shared_from_this();
       // One notification for each request, like the event under it.
-      parent.taskWatchWritableIs( false );
+      try {
+         parent.taskWatchWritableIs( false );
+      } catch( ... ) {
+         // The watch in the kernel is spent.
+         scheduleTask();
+         throw;
+      }
       const ExecutingTask executing( parent, *this, "_taskExecuteWritable" );
       parent.taskExecuteWritable();
    }
@@ -172,19 +180,27 @@ void FileDescriptorTask::_checkCreateWriteTask() {
 template<typename Change>
 void FileDescriptorTask::_watchFd( Change change ) {
    const std::shared_ptr<_TaskBase> self = weak_from_this().lock();
+   const auto changeAndWatch = [ & ] {
+      try {
+         change();
+         // Not before: the watch would be on the earlier descriptor, which may be closed.
+         _resumeReads();
+      } catch( ... ) {
+         // With the number a second try would pass for one that changes nothing.
+         fdControl_->delFd();
+         throw;
+      }
+   };
    try {
       readTask_->unscheduleTask();
       if( writeTask_ ) {
          writeTask_->unscheduleTask();
       }
    } catch( ... ) {
-      change();
-      _resumeReads();
+      changeAndWatch();
       throw;
    }
-   change();
-   // Not before: the watch would be on the earlier descriptor, which may be closed.
-   _resumeReads();
+   changeAndWatch();
 }
 
 // Whether nothing else is runnable, so that the queued read sub-task has its run in this very turn:
@@ -241,8 +257,15 @@ void FileDescriptorTask::taskWatchReadableIs( bool watch ) {
       return;
    }
    watchReadable_ = watch;
-   readsPaused_ = false;
-   fdControl_->setReads( watch );
+   const bool paused = std::exchange( readsPaused_, false );
+   try {
+      fdControl_->setReads( watch );
+   } catch( ... ) {
+      // Or a second try would pass for one that changes nothing.
+      watchReadable_ = !watch;
+      readsPaused_ = paused;
+      throw;
+   }
    if( !watch ) {
       readTask_->unscheduleTask();
    }
@@ -254,7 +277,12 @@ void FileDescriptorTask::taskWatchWritableIs( bool watch ) {
    }
    _checkCreateWriteTask();
    watchWritable_ = watch;
-   fdControl_->setWrites( watch );
+   try {
+      fdControl_->setWrites( watch );
+   } catch( ... ) {
+      watchWritable_ = !watch;
+      throw;
+   }
    if( !watch ) {
       writeTask_->unscheduleTask();
    }

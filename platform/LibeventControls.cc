@@ -121,26 +121,40 @@ void LibeventFdControl::setFd( int fd ) {
 }
 
 void LibeventFdControl::setReads( bool watch ) {
+   if( fd_ >= 0 ) {
+      _bind();
+   }
    watchReads_ = watch;
    if( fd_ < 0 ) {
       return;
    }
-   _bind();
    if( watch ) {
-      _armRead();
+      try {
+         _armRead();
+      } catch( ... ) {
+         watchReads_ = false; // nor does the next descriptor get a watch that nobody has
+         throw;
+      }
    } else {
       event_del( &readEvent_ );
    }
 }
 
 void LibeventFdControl::setWrites( bool watch ) {
+   if( fd_ >= 0 ) {
+      _bind();
+   }
    watchWrites_ = watch;
    if( fd_ < 0 ) {
       return;
    }
-   _bind();
    if( watch ) {
-      _armWrite();
+      try {
+         _armWrite();
+      } catch( ... ) {
+         watchWrites_ = false;
+         throw;
+      }
    } else {
       event_del( &writeEvent_ );
    }

@@ -14,6 +14,7 @@
 #include <Quarn/debug/Environment.h>
 #include <Quarn/debug/Trace.h>
 #include <Quarn/fdtask/FdToStream.h>
+#include <Quarn/fdtask/FileDescriptorTask.h>
 #include <Quarn/testing/VirtualTimeLoop.h>
 #include <Quarn/util/Process.h>
 #include <Quarn/util/Socket.h>
@@ -253,6 +254,65 @@ const Operation unwatch{ "delFd",
                             return std::string( control->getFd() == -1 ? "forgotten" : "known" );
                          },
                          "forgotten" };
+
+namespace {
+
+class Writer : public FileDescriptorTask {
+ public:
+   using FileDescriptorTask::FileDescriptorTask;
+   unsigned writes = 0;
+
+ private:
+   void taskExecuteReadable() override {}
+   void taskExecuteWritable() override { ++writes; }
+};
+
+// Makes the call on a task that watches no reads, and once more when it has failed: then it has to
+// come to what it comes to without the failure.
+std::string writerComesTo( Scene& scene, void ( *call )( Writer& task, int fd ), bool watches ) {
+   const Base base;
+   const Pipe pipe;
+   const auto root = schedulerRootQuarnNonShared( String( "main" ) );
+   const auto task = std::make_shared<Writer>( root, TaskPriority::normal, String( "writer" ) );
+   task->taskWatchReadableIs( false );
+   task->taskWatchWritableIs( watches );
+   if( !watches ) {
+      task->taskWatchFdIs( pipe.in() );
+   }
+   const auto outcome = [ & ] {
+      for( int turn = 0; turn < 3; ++turn ) {
+         eventLoopTimeout( 0.0 );
+      }
+      return std::string( task->writes == 1 && !task->taskWatchWritable() ? "writable"
+                                                                          : "not writable" );
+   };
+   try {
+      scene.faulty( [ & ] { call( *task, pipe.in() ); } );
+   } catch( const AssertException& ) {
+      call( *task, pipe.in() );
+      need( outcome() == "writable", "the second try changes nothing" );
+      throw;
+   }
+   return outcome();
+}
+
+} // namespace
+
+const Operation watchTaskWrites{
+      "taskWatchWritableIs",
+      []( Scene& scene ) {
+         return writerComesTo(
+               scene, []( Writer& task, int ) { task.taskWatchWritableIs( true ); }, false );
+      },
+      "writable" };
+
+const Operation watchTaskFd{
+      "taskWatchFdIs",
+      []( Scene& scene ) {
+         return writerComesTo(
+               scene, []( Writer& task, int fd ) { task.taskWatchFdIs( fd ); }, true );
+      },
+      "writable" };
 
 const Operation frameworkFd{ "setFd on the framework's loop",
                              []( Scene& scene ) {

@@ -574,6 +574,26 @@ TEST_F( FileDescriptorTaskTest, DescriptorThatCouldNotBeWatchedMayBeTriedAgain )
    close( number );
 }
 
+TEST_F( FileDescriptorTaskTest, DirectionThatCouldNotBeWatchedMayBeTriedAgain ) {
+   const int number = fcntl( pair.near(), F_DUPFD_CLOEXEC, 200 );
+   ASSERT_GE( number, 200 );
+   const auto t = io( -1 );
+   t->taskWatchReadableIs( false );
+   t->taskWatchFdIs( number );
+   close( number );
+   if( hasThreadLocalSingletons() ) { // the framework's loop asks when it waits
+      EXPECT_FATAL( t->taskWatchReadableIs( true ), "Failed to add event fd" );
+      EXPECT_FALSE( t->taskWatchReadable() );
+   }
+   ASSERT_EQ( dup2( pair.near(), number ), number );
+   t->taskWatchReadableIs( true );
+   pair.send( "x" );
+   turns( 3 );
+   EXPECT_EQ( t->got, "x" );
+   t->taskWatchFdDel();
+   close( number );
+}
+
 // The control has spent its watch on the notification whose run is dropped.
 TEST_F( FileDescriptorTaskTest, WatchForWritesMovesToTheNewDescriptor ) {
    const auto t = io( pair.near() );

@@ -26,6 +26,9 @@
 // While the read sub-task waits for its turn or is suspended, the kernel is not asked about the
 // descriptor again: data that nobody can read yet costs no turns of the loop.
 //
+// It is the sub-tasks that are registered, run and counted: of the task itself `taskStatus()` is 0,
+// `handleResetStats()` is not called, and `scheduleTask()` and `taskRunFromTest()` are fatal.
+//
 // Ownership: the task is owned by shared pointers. The descriptor stays the caller's; forget it
 //            here (`taskWatchFdDel`, or by destroying the task) before closing it. A task that is
 //            dropped in its own run lives, and watches, until the run ends: call `taskWatchFdDel`
@@ -87,7 +90,8 @@ class ORUQUARN_API FileDescriptorTask : public _TaskBase, private Platform::FdEv
    void taskWatchFdDel();
 
    // Switches the watch of a direction; off also drops a notification that waits for its run. The
-   // write watch switches itself off when the write sub-task runs.
+   // write watch switches itself off when the write sub-task runs. A watch for which there was no
+   // room stays off, so that it can be asked for again.
    void taskWatchReadableIs( bool watch );
    void taskWatchWritableIs( bool watch );
    bool taskWatchReadable() const { return watchReadable_; }
@@ -99,6 +103,7 @@ class ORUQUARN_API FileDescriptorTask : public _TaskBase, private Platform::FdEv
    void scheduleTaskReadable();
    void scheduleTaskWritable();
 
+   // Whether a sub-task is on its run queue, and whether it runs.
    bool taskScheduledReadable() const;
    bool taskScheduledWritable() const;
    bool taskCurrentlyRunningReadable() const;
