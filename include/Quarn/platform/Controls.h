@@ -14,7 +14,7 @@
 //     regular files                         writable, unreadable   always both
 //     a number closed and used again        not heard              heard
 //     a number closed while watched         not heard              not heard, traced once
-//     timers                                up to 4 ms early       never early
+//     timers                                a kernel tick early    never early
 //     remainingTimeout()                    from an old reading    exact
 //     callbacks and timers of one turn      in no promised order   callbacks first, then by time
 
@@ -68,8 +68,9 @@ class ORUQUARN_API TimerControl {
    // Fires once, `seconds` from now, on the event loop's own clock; a timer that runs is moved.
    // Negative delays count as 0, which fires at the next turn; +infinity disarms.
    //
-   // The loop reads a coarse clock, so that a timer may fire up to 4 ms early. Timers that must not
-   // are kept in a `TimerWheel`.
+   // The loop reads a coarse clock, which is behind by up to a tick of the kernel (4 ms at 250 Hz),
+   // and by more where the machine is late with a tick. A timer may fire as much early; one that
+   // must not is kept in a `TimerWheel`.
    //
    // Errors: fatal on NaN ("invalid timeout ..."), and when there is no room for one more timer
    //         ("Failed to add event fd -1 ..."). What is due is made active where there is no room
