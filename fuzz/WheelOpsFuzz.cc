@@ -28,6 +28,7 @@ int LLVMFuzzerTestOneInput( const std::uint8_t* data, std::size_t size ) {
    while( same && !draws.ended() ) {
       same = play->stepOnce();
    }
+   same = same && play->finish();
    if( !same ) {
       std::cerr << setting.timers << " timers: " << play->fault() << '\n';
       play->show( std::cerr );

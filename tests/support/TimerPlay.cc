@@ -40,6 +40,7 @@ class Play final : public TimerPlay {
    ~Play() override;
 
    bool stepOnce() override;
+   bool finish() override;
    const std::string& fault() const override { return fault_; }
    void show( std::ostream& out ) const override;
    const Counts& counts() const override { return counts_; }
@@ -97,6 +98,7 @@ class Play final : public TimerPlay {
    void _arm( Timer& timer, double expiry );
    void _collectionAt( double now );
    void _compareOne( const Timer& timer );
+   void _compareMaster();
    void _compareAll();
    bool _near( double expiry ) const {
       return std::abs( expiry - clock_.now() ) < 1e4 || clock_.now() > 1e10;
@@ -127,6 +129,8 @@ class Play final : public TimerPlay {
    std::uint64_t lastTieEpoch_ = 0;
    std::uint64_t lastTieSequence_ = 0;
    unsigned firedInStep_ = 0;
+   // Timers that fire do nothing more.
+   bool finishing_ = false;
    std::uint64_t steps_ = 0;
    Counts counts_;
    std::string fault_;
@@ -429,7 +433,7 @@ void Play::_fires( Timer& timer ) {
    lastTieEpoch_ = timer.epoch;
    lastTieSequence_ = timer.sequence;
    _disarm( timer );
-   if( !fault_.empty() || firedInStep_ > 2 * timers_.size() + 100 ) {
+   if( finishing_ || !fault_.empty() || firedInStep_ > 2 * timers_.size() + 100 ) {
       return;
    }
    const std::uint64_t kind = _below( 16 );
@@ -470,6 +474,17 @@ void Play::_compareAll() {
    }
 }
 
+// The loop wakes the wheel in time for whatever is first.
+void Play::_compareMaster() {
+   for( Order const* order : { &due_, &fresh_ } ) {
+      if( !order->empty() && wheel_->masterExpiryForTest() > order->begin()->first ) {
+         _fail( fmt::format( "the master timer is set for {:.9f}, timer {} is due at {:.9f}",
+                             wheel_->masterExpiryForTest(), order->begin()->second->number,
+                             order->begin()->first ) );
+      }
+   }
+}
+
 bool Play::stepOnce() {
    ++steps_;
    firedInStep_ = 0;
@@ -478,16 +493,38 @@ bool Play::stepOnce() {
    } catch( const std::exception& e ) {
       _fail( e.what() );
    }
-   // The loop wakes the wheel in time for whatever is first.
-   for( Order const* order : { &due_, &fresh_ } ) {
-      if( !order->empty() && wheel_->masterExpiryForTest() > order->begin()->first ) {
-         _fail( fmt::format( "the master timer is set for {:.9f}, timer {} is due at {:.9f}",
-                             wheel_->masterExpiryForTest(), order->begin()->second->number,
-                             order->begin()->first ) );
-      }
-   }
+   _compareMaster();
    if( fault_.empty() && steps_ % setting_.checkEvery == 0 ) {
       _compareAll();
+   }
+   return fault_.empty();
+}
+
+bool Play::finish() {
+   finishing_ = true;
+   try {
+      _compareAll();
+      // Some when they are due, one time after the other, and the rest at the latest of all.
+      constexpr int single = 100;
+      for( int n = 0; n <= single && fault_.empty() && !( due_.empty() && fresh_.empty() ); ++n ) {
+         double first = infinity;
+         double last = clock_.now();
+         for( Order const* order : { &due_, &fresh_ } ) {
+            if( !order->empty() ) {
+               first = std::min( first, order->begin()->first );
+               last = std::max( last, order->rbegin()->first );
+            }
+         }
+         _clockIs( n < single ? std::max( clock_.now(), first ) : last );
+         _pass( false );
+         _compareMaster();
+      }
+      if( !due_.empty() || !fresh_.empty() ) {
+         _fail( "timers still run when all have come due" );
+      }
+      _compareAll();
+   } catch( const std::exception& e ) {
+      _fail( e.what() );
    }
    return fault_.empty();
 }

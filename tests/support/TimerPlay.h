@@ -52,6 +52,10 @@ class TimerPlay {
    // Returns false once the two have differed.
    virtual bool stepOnce() = 0;
 
+   // Lets everything that still runs come due, and delivers it. Returns false when the two have
+   // differed, then or before.
+   virtual bool finish() = 0;
+
    // What differed; empty while nothing does.
    virtual const std::string& fault() const = 0;
 
