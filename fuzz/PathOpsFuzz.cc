@@ -577,7 +577,8 @@ Play::Outcome Play::_outcomeOf( Call&& call ) {
    errno = 0;
    try {
       const bool good = call();
-      return { .error = good ? 0 : errno };
+      // A failure without a reason is none that the model knows.
+      return { .error = good ? 0 : errno != 0 ? errno : -1 };
    } catch( const AssertException& e ) {
       return { .error = errno, .asserted = true, .what = e.what() };
    } catch( const RuntimeException& e ) {

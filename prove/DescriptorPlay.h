@@ -41,7 +41,8 @@ class DescriptorPlay {
       std::uint64_t bothWays = 0;
       std::uint64_t droppedInOwnHandler = 0;
       std::uint64_t thrown = 0;
-      // Calls in which a descriptor was unready because another handler was faster.
+      // Calls in which a descriptor was unready because another handler was faster: the oracle has
+      // no opinion of these.
       std::uint64_t excused = 0;
    };
 

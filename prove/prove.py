@@ -27,6 +27,9 @@ ROOT = Path(__file__).resolve().parent.parent
 # What failing rows have said.
 SAID = ROOT / "build" / "prove-said"
 TIERS = ("fast", "default", "long")
+# What somebody looks into by hand, or has a tool pass over, is not to make a row another.
+BY_HAND = re.compile(
+    r"(PROVE_|ORUQUARN_TEST_|GTEST_|CTEST_)|(BUILD|TARGETS|[A-Z]+SAN_OPTIONS|VALGRIND_OPTS|LD_PRELOAD)$")
 
 # More than any row needs on two cores, so that one that hangs is told and ends.
 LONGEST = {"fast": 240, "default": 3600, "long": 4 * 3600}
@@ -88,9 +91,8 @@ class Proof:
             process = subprocess.Popen(
                 [str(word) for word in command],
                 cwd=ROOT,
-                # What somebody looks into by hand is not to make a row another.
                 env={**{name: value for name, value in os.environ.items()
-                        if not re.match("PROVE_|ORUQUARN_TEST_|TARGETS$", name)}, **environment},
+                        if not BY_HAND.match(name)}, **environment},
                 stdin=subprocess.DEVNULL,
                 stdout=subprocess.PIPE,
                 stderr=subprocess.STDOUT,
@@ -175,6 +177,9 @@ class Proof:
         ok = status == 0 and failed == 0 and cases > 0
         skipped = len(re.findall(r"\*\*\*Skipped", said))
         figure = f"{failed} in {cases} cases" if found else ended(status)
+        reports = len(re.findall(r" has a report:$", said, re.MULTILINE))
+        if reports:
+            figure += f", {reports} with a report"
         if skipped:
             figure += f", {skipped} skipped"
         if not ok:
