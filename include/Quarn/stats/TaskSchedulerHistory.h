@@ -119,8 +119,8 @@ class ORUQUARN_API TaskSchedulerHistory {
    void insert( const time_point& when, TaskSchedulerEventType type,
                 TaskScheduler const* scheduler );
    void insert( const time_point& when, TaskSchedulerEventType type, const String& identifier ) {
-      if( Event* slot = _nextSlot() ) {
-         slot->_set( type, when, identifier );
+      if( !events_.empty() ) {
+         _nextSlot()._set( type, when, identifier );
       }
    }
 
@@ -146,16 +146,13 @@ class ORUQUARN_API TaskSchedulerHistory {
    void renderText( std::ostream& out, TaskNameRegex const* filter = nullptr ) const;
 
  private:
-   // Makes room for an event in front of the newest; null when the capacity is 0.
-   Event* _nextSlot() {
-      if( events_.empty() ) {
-         return nullptr;
-      }
+   // Makes room for an event in front of the newest. The capacity is not 0.
+   Event& _nextSlot() {
       newest_ = ( newest_ == 0 ? capacity() : newest_ ) - 1;
       if( size_ < capacity() ) {
          ++size_;
       }
-      return &events_[ newest_ ];
+      return events_[ newest_ ];
    }
 
    std::vector<Event, Allocator<Event>> events_;
