@@ -26,8 +26,8 @@ ORUQUARN_API void setTraceFormat( char const* format ) noexcept;
 // again.
 ORUQUARN_API void clearTraceFormat() noexcept;
 
-// Writes the levels of every facility, and the settings still waiting for one, to standard output,
-// a line each.
+// Writes the levels of every facility, and then the items of "TRACE" as they were given, to
+// standard output, a line each.
 ORUQUARN_API void dumpQuarnDebugMap() noexcept;
 
 } // namespace Quarn::Platform

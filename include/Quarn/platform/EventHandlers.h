@@ -13,6 +13,7 @@
 
 namespace Quarn::Platform {
 
+// Of an `FdControl`.
 class ORUQUARN_API FdEventHandler {
  public:
    virtual ~FdEventHandler();
@@ -23,6 +24,7 @@ class ORUQUARN_API FdEventHandler {
    virtual bool handleFdException( int fd );
 };
 
+// Of a `TimerControl`.
 class ORUQUARN_API TimeoutHandler {
  public:
    virtual ~TimeoutHandler();
@@ -32,6 +34,7 @@ class ORUQUARN_API TimeoutHandler {
    virtual bool handleTimeoutException();
 };
 
+// Of a `CallbackControl`.
 class ORUQUARN_API CallbackHandler {
  public:
    virtual ~CallbackHandler();

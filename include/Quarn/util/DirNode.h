@@ -64,8 +64,8 @@ class ORUQUARN_API DirNode : public Debuggable {
 
    // The regular files and symbolic links whose name ends with `extension`, in the order of the
    // file system. The extension is plain text: "log" finds "catalog" too, and the empty one
-   // everything. A file whose type the system does not tell is left out. The node's position is
-   // at the end afterwards.
+   // everything. A file that cannot be looked at is left out. The node's position is at the end
+   // afterwards.
    //
    // Errors: `RuntimeException` when the directory is not open or cannot be read.
    std::vector<String> findFiles( const String& extension ) const;

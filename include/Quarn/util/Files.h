@@ -25,7 +25,8 @@
 namespace Quarn::Util {
 
 // Makes the directory `path`, and before it those of its parents that are missing, all with `mode`
-// and no umask. A directory made below parents that had to be made has its mode set once more.
+// and no umask. A directory below parents that had to be made has its mode set once more, also one
+// that is there by then: "new/.." sets that of the directory in which "new" was missing.
 //
 // Returns 0 when the path exists afterwards (as what is not looked at), -1 otherwise. A path that
 // is missing and has no parent in it, such as the empty one, fails with ENOENT.
