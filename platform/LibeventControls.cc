@@ -106,8 +106,8 @@ void LibeventFdControl::setFd( int fd ) {
       delFd();
       QUARN_FAIL( "LibeventFdControl", "result == 0" );
    }
-   _bind();
    try {
+      _bind();
       if( watchReads_ ) {
          _armRead();
       }
@@ -161,8 +161,8 @@ void LibeventFdControl::setWrites( bool watch ) {
 }
 
 void LibeventFdControl::delFd() {
+   fd_ = -1; // even where there is no base to take the watch off
    clearEvents();
-   fd_ = -1;
 }
 
 int LibeventFdControl::getFd() const { return fd_; }

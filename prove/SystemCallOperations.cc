@@ -212,6 +212,27 @@ const Operation watchFd{ "setFd",
                          },
                          "heard" };
 
+// On a thread whose base is gone, so that it needs another.
+const Operation watchFdAnew{ "setFd without a base",
+                             []( Scene& scene ) {
+                                const Pipe pipe;
+                                Listener listener;
+                                const auto control = Platform::getLeFdControl( &listener );
+                                control->setReads( true );
+                                leFree();
+                                try {
+                                   scene.faulty( [ & ] { control->setFd( pipe.out() ); } );
+                                } catch( const AssertException& ) {
+                                   need( control->getFd() == -1,
+                                         "a descriptor that failed is still known" );
+                                   throw;
+                                }
+                                control->delFd();
+                                leFree();
+                                return std::string( "watched" );
+                             },
+                             "watched" };
+
 const Operation watchReads{ "setReads",
                             []( Scene& scene ) {
                                const Base base;

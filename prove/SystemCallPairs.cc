@@ -56,6 +56,7 @@ const Pair pairs[] = {
    { "epoll_ctl", ENOSPC, 1, 1, watchFd, "fatal", "No space left on device" },
    { "epoll_ctl", EBADF, 1, 1, watchFd, "fatal", "Bad file descriptor" },
    { "epoll_ctl", EPERM, 1, 1, watchFd, "not heard", "cannot be polled, its reads are not reported" },
+   { "epoll_create1|epoll_create", EMFILE, 1, always, watchFdAnew, "fatal", "Failed to create event_base" },
    { "epoll_ctl", ENOMEM, 1, 1, watchReads, "fatal", "Cannot allocate memory" },
    { "epoll_ctl", ENOSPC, 1, 1, watchReads, "fatal", "No space left on device" },
    { "epoll_ctl", EPERM, 1, 1, watchReads, "not heard", "cannot be polled, its reads are not reported" },

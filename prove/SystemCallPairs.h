@@ -64,7 +64,8 @@ std::span<const Pair> systemCallPairs();
 
 // The operations, of which each comes to its outcome when nothing fails.
 extern const Operation createBase, createBaseInVain, init, lateInit, forkReinit, loop, watchFd,
-      watchReads, watchWrites, watchTaskWrites, watchTaskFd, unwatch, frameworkFd, frameworkLoop;
+      watchFdAnew, watchReads, watchWrites, watchTaskWrites, watchTaskFd, unwatch, frameworkFd,
+      frameworkLoop;
 extern const Operation openStream, stream, brokenStream, closeStream, textReport, printContext,
       startRender, render, renderTwice, renderTwiceUncompared, largeReport, nameFilter, trace,
       traceItems, traceFormat, noTraceFormat;

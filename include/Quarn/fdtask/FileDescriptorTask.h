@@ -82,7 +82,8 @@ class ORUQUARN_API FileDescriptorTask : public _TaskBase, private Platform::FdEv
    // was closed and stands for another file by now, taskWatchFdDel() comes first.
    //
    // Errors: fatal when the descriptor's flags cannot be read or set, and, as in the flags below,
-   //         when there is no room for the watch ("Failed to add event fd ...").
+   //         when there is no room for the watch ("Failed to add event fd ..."); none is watched
+   //         then.
    void taskWatchFdIs( int fd );
    // The descriptor, or -1.
    int taskWatchFd() const;

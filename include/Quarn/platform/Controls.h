@@ -46,8 +46,8 @@ class ORUQUARN_API FdControl {
    // as a regular file, counts as always writable; its reads are never reported.
    //
    // Errors: fatal when the descriptor's flags cannot be read or set, and when there is no room for
-   //         the watch ("Failed to add event fd ..."), which the flags may meet too. A descriptor
-   //         that could not be set is forgotten.
+   //         the watch ("Failed to add event fd ..."), which the flags may meet too: that flag is
+   //         off then. A descriptor that could not be set is forgotten.
    virtual void setFd( int fd ) = 0;
 
    // Forgets the descriptor.
