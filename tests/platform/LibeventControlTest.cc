@@ -247,7 +247,7 @@ TEST( TimerControlTest, FiresOnceAndTellsWhatIsLeft ) {
    EXPECT_GT( control->remainingTimeout(), 3500 );
    EXPECT_LE( control->remainingTimeout(), 3600.1 );
    control->setTimeout( 0 );
-   EXPECT_LT( control->remainingTimeout(), 0.1 ) << "by libevent's coarse clock";
+   EXPECT_LT( control->remainingTimeout(), 1.0 ) << "by libevent's coarse clock";
    Platform::doEventLoop( 0 );
    EXPECT_EQ( handler.fired, 1 );
    EXPECT_EQ( control->remainingTimeout(), infinity );

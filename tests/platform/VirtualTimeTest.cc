@@ -257,7 +257,7 @@ TEST_F( VirtualTimeTest, DelayToTheFirstTimer ) {
    const double seconds =
          static_cast<double>( delay.tv_sec ) + static_cast<double>( delay.tv_usec ) / 1e6;
    EXPECT_LE( seconds, 100.0001 );
-   EXPECT_GT( seconds, 99.95 );
+   EXPECT_GT( seconds, 99.0 );
    RawEvent now( base, log, "now" );
    now.add( { 0, 0 } );
    ASSERT_TRUE( fastForwardDelayToFirstTimer( &delay ) );
@@ -309,7 +309,7 @@ TEST_F( VirtualTimeTest, StepJumpsToTheFirstTimerAndRunsIt ) {
    eventLoopFastForwardToFirstTimer( 7200.0 );
    EXPECT_EQ( handler.fired, 1 );
    EXPECT_LE( leVirtualTimeOffset(), 3600.0001 );
-   EXPECT_GT( leVirtualTimeOffset(), 3600.0001 - 0.05 );
+   EXPECT_GT( leVirtualTimeOffset(), 3599.0 );
 }
 
 TEST_F( VirtualTimeTest, StepWithoutTimersTakesTheMaximum ) {

@@ -8,7 +8,7 @@
 
 // What a child gives when it ends, 0 to 255; -1 when it did not end by itself.
 inline int resultOf( pid_t child ) {
-   int status = 0;
+   int status = -1;
    while( waitpid( child, &status, 0 ) < 0 && errno == EINTR ) {
    }
    return WIFEXITED( status ) ? WEXITSTATUS( status ) : -1;
