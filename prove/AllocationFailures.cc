@@ -97,7 +97,7 @@ void requireFork() {
 
 [[noreturn]] void runInChild( const Scenario& scenario, std::uint64_t n, bool lasting ) {
    // A point that hangs is a fault like one that crashes.
-   alarm( 10 );
+   alarm( 60 );
    if( !std::getenv( "PROVE_SHOW_TRACES" ) ) {
       dup2( standardError, STDERR_FILENO );
    }

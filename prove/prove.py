@@ -29,7 +29,8 @@ SAID = ROOT / "build" / "prove-said"
 TIERS = ("fast", "default", "long")
 # What somebody looks into by hand, or has a tool pass over, is not to make a row another.
 BY_HAND = re.compile(
-    r"(PROVE_|ORUQUARN_TEST_|GTEST_|CTEST_)|(BUILD|TARGETS|[A-Z]+SAN_OPTIONS|VALGRIND_OPTS|LD_PRELOAD)$")
+    r"(PROVE_|ORUQUARN_TEST_|GTEST_|CTEST_|EVENT_)|"
+    r"(BUILD|TARGETS|TRACE|TRACEFORMAT|WAITFOR_DEFAULT|[A-Z]+SAN_OPTIONS|VALGRIND_OPTS|LD_PRELOAD)$")
 
 # More than any row needs on two cores, so that one that hangs is told and ends.
 LONGEST = {"fast": 240, "default": 3600, "long": 4 * 3600}
