@@ -3,8 +3,8 @@
 // One loop runs on a thread at a time. Exceptions that a handler lets out, and does not deal with
 // by its hook, leave these functions; the loop may then be run again and serves what is left.
 //
-// Times are seconds on the event loop's monotonic clock. Negative counts as 0; +infinity never ends
-// by itself.
+// Times are seconds on the event loop's monotonic clock, a coarse one (`TimerControl::setTimeout`).
+// Negative counts as 0; +infinity never ends by itself.
 // Errors: fatal on NaN, when a loop runs already ("event loop is already running on this thread"),
 // and when libevent fails ("event loop failed ...") or has no room for the timer that ends the loop
 // ("Failed to add event").
