@@ -531,6 +531,11 @@ bool Play::finish() {
 
 } // namespace
 
+bool TimerPlay::hasExtendedPrecision() {
+   const volatile long double one = 1;
+   return one + std::numeric_limits<long double>::epsilon() != one;
+}
+
 std::unique_ptr<TimerPlay> TimerPlay::make( const Setting& setting, Draw draw ) {
    return std::make_unique<Play>( setting, std::move( draw ) );
 }

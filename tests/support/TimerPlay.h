@@ -44,6 +44,10 @@ class TimerPlay {
       std::uint64_t waitedInTick = 0;
    };
 
+   // Whether a `long double` tells more apart than a `double`, as the wheel counts on where a tick
+   // is below what a double tells apart. Under valgrind it does not.
+   static bool hasExtendedPrecision();
+
    static std::unique_ptr<TimerPlay> make( const Setting& setting, Draw draw );
 
    // Stops the timers.
